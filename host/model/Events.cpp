@@ -1,0 +1,108 @@
+#include "host/model/Events.h"
+
+#include <algorithm>
+
+#include "host/model/Agent.h"
+
+namespace tessel {
+
+namespace {
+
+template <class Key, class T, class... Args>
+const Ptr<T>& findOrMake(KeyedCollection<Key, Ptr<T>>& logs, const Key& key, Args&&... args) {
+  const auto [log, made] = logs.emplace(key);
+  if (made) {
+    log = makePtr<T>(std::forward<Args>(args)...);
+  }
+  return log;
+}
+
+}  // namespace
+
+PathNameMapping::~PathNameMapping() {
+  for (const auto& [key, log] : saEvents_) {
+    log->mapping_ = nullptr;
+  }
+}
+
+void PathNameMapping::saEventsIs(const Ptr<SaEventEntry>& log) {
+  if (log->mapping_ == this) {
+    return;
+  }
+  if (log->mapping_ != nullptr) {
+    log->mapping_->saEventsDel(log->sakey());
+  }
+  saEvents_.emplace(log->sakey()).first = log;
+  log->mapping_ = this;
+}
+
+void PathNameMapping::saEventsDel(const SecurityAssociationKey& key) {
+  if (const std::optional<Ptr<SaEventEntry>> log = saEvents_.take(key)) {
+    (*log)->mapping_ = nullptr;
+  }
+}
+
+const Ptr<LocalEventLog>& RecordEvents::localEventsIs() {
+  if (!local_) {
+    local_ = makePtr<LocalEventLog>(maxEventRecord_);
+  }
+  return local_;
+}
+
+const Ptr<PeerEventEntry>& RecordEvents::peerEventsIs(const IpGenAddr& peer) {
+  return findOrMake(peer_, peer, maxEventRecord_);
+}
+
+const Ptr<PathEventEntry>& RecordEvents::pathEventsIs(const ConnectionKey& key) {
+  return findOrMake(path_, key, maxEventRecord_);
+}
+
+const Ptr<SaEventEntry>& RecordEvents::saEventsIs(const SecurityAssociationKey& key) {
+  return findOrMake(sa_, key, key, maxEventRecord_);
+}
+
+const Ptr<PathNameMapping>& RecordEvents::pathNameMappingIs(const std::string& pathName) {
+  return findOrMake(names_, pathName);
+}
+
+void RecordEvents::follow(const Ptr<IpsecCommon::TesselV1>& tesselV1) {
+  followed_ = tesselV1;
+  links_.attach<&RecordEvents::handleSaLink>(*tesselV1, *this);
+}
+
+void RecordEvents::handleSaLink(const Change& change) {
+  const auto* key = change.memberOf(IpsecCommon::TesselV1::cpSaName);
+  if (key == nullptr) {
+    return;
+  }
+  if (change.kind() != Change::Kind::removed) {
+    const ConnectionKey& path = followed_->cpSa(*key);
+    if (std::vector<SecurityAssociationKey>* gone = gone_.find(path)) {
+      std::erase(*gone, *key);  // The SA is back, and its log goes on.
+    }
+    pathOfSa_.emplace(*key).first = path;
+    return;
+  }
+  const std::optional<ConnectionKey> path = pathOfSa_.take(*key);
+  if (!path) {
+    return;
+  }
+  std::vector<SecurityAssociationKey>& gone = gone_.emplace(*path).first;
+  gone.push_back(*key);
+  // The last one stays until the next one goes: the event of its deletion is recorded after this,
+  // and would make a log that nothing retires.
+  while (gone.size() > std::max(maxGoneSaLogs_, 1U)) {
+    if (const std::optional<Ptr<SaEventEntry>> log = sa_.take(gone.front());
+        log && (*log)->mapping() != nullptr) {
+      (*log)->mapping()->saEventsDel(gone.front());
+    }
+    gone.erase(gone.begin());
+  }
+}
+
+template class KeyedCollection<SecurityAssociationKey, Ptr<SaEventEntry>>;
+template class KeyedCollection<IpGenAddr, Ptr<PeerEventEntry>>;
+template class KeyedCollection<ConnectionKey, Ptr<PathEventEntry>>;
+template class KeyedCollection<std::string, Ptr<PathNameMapping>>;
+
+}  // namespace tessel

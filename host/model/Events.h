@@ -1,0 +1,212 @@
+// RecordEvents: the bounded event logs, per router, peer, path and SA.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "host/entity/Entity.h"
+#include "host/model/Duration.h"
+#include "host/model/Enumerations.h"
+#include "host/model/Keys.h"
+
+namespace tessel {
+
+namespace IpsecCommon {
+class TesselV1;
+}
+
+/// The name of an event: text that lives as long as the process, since logs outlive what wrote
+/// them.
+class EventName {
+ public:
+  constexpr EventName() = default;
+  /// From a string literal.
+  template <size_t N>
+  consteval EventName(const char (&text)[N]) : text_(text) {}
+  constexpr const char* text() const { return text_; }
+  std::string string() const { return text_; }
+
+ private:
+  const char* text_ = "";
+};
+
+/// `time` is UTC in all events.
+struct LocalEvent {
+  Duration time;
+  EventName eventName;
+  uint64_t number = 0;
+};
+
+struct PeerEvent {
+  Duration time;
+  EventName eventName;
+  IpGenAddr peer;
+  DhKeyPair dhKeyPair;
+};
+
+struct PathEvent {
+  Duration time;
+  EventName eventName;
+  ConnectionKey connectionKey;
+  DynamicPathState pathState = DynamicPathState::none;
+  DhKeyPair dhKeyPair;
+};
+
+struct SaEvent {
+  Duration time;
+  EventName eventName;
+  uint32_t spi = 0;
+  DynamicPathState pathState = DynamicPathState::none;
+  DhKeyPair dhKeyPair;
+};
+
+/// One log: a ring of slots. `head` is the slot that the next event takes.
+template <class Event>
+class EventLog : public RefCounted {
+ public:
+  explicit EventLog(uint32_t capacity) : capacity_(capacity) {}
+  /// Slots of the ring; at least 1.
+  uint32_t capacity() const { return capacity_; }
+
+  const std::vector<Event>& events() const { return events_; }
+  /// The event in a slot, made if the slot is new. Slots are used in order.
+  Event& eventsIs(uint32_t slot) {
+    if (slot >= events_.size()) {
+      events_.resize(slot + 1);
+    }
+    return events_[slot];
+  }
+  uint32_t eventCount() const { return eventCount_; }
+  void eventCountInc(uint32_t n) { eventCount_ += n; }
+  uint32_t head() const { return head_; }
+  void headInc(uint32_t n) { head_ += n; }
+  void headIs(uint32_t head) { head_ = head; }
+
+  /// The events from the oldest to the newest.
+  std::vector<Event> inOrder() const {
+    std::vector<Event> result;
+    for (size_t i = 0; i < events_.size(); ++i) {
+      result.push_back(events_[(head_ + i) % events_.size()]);
+    }
+    return result;
+  }
+
+ private:
+  std::vector<Event> events_;
+  const uint32_t capacity_;
+  uint32_t eventCount_ = 0;
+  uint32_t head_ = 0;
+};
+
+using LocalEventLog = EventLog<LocalEvent>;
+using PeerEventEntry = EventLog<PeerEvent>;
+using PathEventEntry = EventLog<PathEvent>;
+class PathNameMapping;
+class SaEventEntry final : public EventLog<SaEvent> {
+ public:
+  SaEventEntry(const SecurityAssociationKey& key, uint32_t capacity)
+      : EventLog(capacity), sakey_(key) {}
+  const SecurityAssociationKey& sakey() const { return sakey_; }
+  /// The index entry that lists this log; null when none does.
+  PathNameMapping* mapping() const { return mapping_; }
+
+ private:
+  friend class PathNameMapping;
+
+  const SecurityAssociationKey sakey_;
+  PathNameMapping* mapping_ = nullptr;
+};
+
+/// From a path's name to the logs that concern it.
+class PathNameMapping final : public RefCounted {
+ public:
+  ~PathNameMapping() override;
+  const Ptr<PathEventEntry>& pathEvents() const { return pathEvents_; }
+  void pathEventsIs(Ptr<PathEventEntry> log) { pathEvents_ = std::move(log); }
+  const Ptr<PeerEventEntry>& peerEvents() const { return peerEvents_; }
+  void peerEventsIs(Ptr<PeerEventEntry> log) { peerEvents_ = std::move(log); }
+  const KeyedCollection<SecurityAssociationKey, Ptr<SaEventEntry>>& saEvents() const {
+    return saEvents_;
+  }
+  /// Lists a log here, and nowhere else any more.
+  void saEventsIs(const Ptr<SaEventEntry>& log);
+  void saEventsDel(const SecurityAssociationKey& key);
+
+ private:
+  Ptr<PathEventEntry> pathEvents_;
+  Ptr<PeerEventEntry> peerEvents_;
+  KeyedCollection<SecurityAssociationKey, Ptr<SaEventEntry>> saEvents_;
+};
+
+/// Is told of every event as it is recorded.
+class EventObserver {
+ public:
+  virtual ~EventObserver() = default;
+  virtual void handleEvent(const LocalEvent& event) = 0;
+  virtual void handleEvent(const PeerEvent& event) = 0;
+  virtual void handleEvent(const PathEvent& event) = 0;
+  virtual void handleEvent(const SecurityAssociationKey& key, const ConnectionKey& path,
+                           const SaEvent& event) = 0;
+};
+
+/// The logs of one agent. The machine writes them and never deletes one; the host retires the logs
+/// of SAs that are gone, see `follow`.
+class RecordEvents final : public RefCounted {
+ public:
+  /// Capacity of every log; 0 records nothing. Read once per log, when the log is made.
+  uint32_t maxEventRecord() const { return maxEventRecord_; }
+  void maxEventRecordIs(uint32_t n) { maxEventRecord_ = n; }
+
+  /// The local log; null until the first local event.
+  const Ptr<LocalEventLog>& localEvents() const { return local_; }
+  uint32_t localEventCount() const { return local_ ? local_->eventCount() : 0; }
+  uint32_t localEventHead() const { return local_ ? local_->head() : 0; }
+  const KeyedCollection<IpGenAddr, Ptr<PeerEventEntry>>& peerEvents() const { return peer_; }
+  const KeyedCollection<ConnectionKey, Ptr<PathEventEntry>>& pathEvents() const { return path_; }
+  const KeyedCollection<SecurityAssociationKey, Ptr<SaEventEntry>>& saEvents() const { return sa_; }
+  const KeyedCollection<std::string, Ptr<PathNameMapping>>& pathNameMapping() const {
+    return names_;
+  }
+  /// Find or make. Not to be called while the capacity is 0.
+  const Ptr<LocalEventLog>& localEventsIs();
+  const Ptr<PeerEventEntry>& peerEventsIs(const IpGenAddr& peer);
+  const Ptr<PathEventEntry>& pathEventsIs(const ConnectionKey& key);
+  const Ptr<SaEventEntry>& saEventsIs(const SecurityAssociationKey& key);
+  const Ptr<PathNameMapping>& pathNameMappingIs(const std::string& pathName);
+
+  /// Follows the table of SAs: from then on the logs of at most `maxGoneSaLogs` SAs per path stay
+  /// when their SAs are gone, at least the last one's, and older ones are retired.
+  void follow(const Ptr<IpsecCommon::TesselV1>& tesselV1);
+  uint32_t maxGoneSaLogs() const { return maxGoneSaLogs_; }
+  void maxGoneSaLogsIs(uint32_t n) { maxGoneSaLogs_ = n; }
+
+  /// At most one observer; null for none. It must outlive its registration.
+  EventObserver* observer() const { return observer_; }
+  void observerIs(EventObserver* observer) { observer_ = observer; }
+
+ private:
+  void handleSaLink(const Change& change);
+
+  uint32_t maxEventRecord_ = 64;
+  uint32_t maxGoneSaLogs_ = 2;
+  EventObserver* observer_ = nullptr;
+  Ptr<LocalEventLog> local_;
+  KeyedCollection<IpGenAddr, Ptr<PeerEventEntry>> peer_;
+  KeyedCollection<ConnectionKey, Ptr<PathEventEntry>> path_;
+  KeyedCollection<SecurityAssociationKey, Ptr<SaEventEntry>> sa_;
+  KeyedCollection<std::string, Ptr<PathNameMapping>> names_;
+
+  Ptr<IpsecCommon::TesselV1> followed_;
+  Subscription links_;
+  KeyedCollection<SecurityAssociationKey, ConnectionKey> pathOfSa_;
+  KeyedCollection<ConnectionKey, std::vector<SecurityAssociationKey>> gone_;  // Oldest first.
+};
+
+// Compiled once, in Events.cpp: most units of the engine use these.
+extern template class KeyedCollection<SecurityAssociationKey, Ptr<SaEventEntry>>;
+extern template class KeyedCollection<IpGenAddr, Ptr<PeerEventEntry>>;
+extern template class KeyedCollection<ConnectionKey, Ptr<PathEventEntry>>;
+extern template class KeyedCollection<std::string, Ptr<PathNameMapping>>;
+
+}  // namespace tessel
