@@ -1,0 +1,58 @@
+// Paths: the life of a path, from its configuration to its destruction.
+#pragma once
+
+#include <cstdint>
+
+#include "host/entity/KeyedCollection.h"
+#include "host/model/Events.h"
+#include "host/model/IkePath.h"
+#include "host/model/Keys.h"
+
+namespace tessel::Ipsec {
+
+class RekeySm;
+class TesselV1Sm;
+
+/// Mirrors configured paths into state and SAs, and is the one writer of `pathState`.
+class Paths {
+ public:
+  explicit Paths(TesselV1Sm& sm);
+  ~Paths();
+  Paths(const Paths&) = delete;
+  Paths& operator=(const Paths&) = delete;
+
+  /// Reconciles one path with its configuration.
+  void handlePath(const ConnectionKey& key);
+  /// Builds the path's state and SAs; stops, with nothing changed, when something is missing.
+  void establishPath(const ConnectionKey& key);
+  /// Tears the path down, at whichever peer it stands.
+  void destroyPath(const ConnectionKey& key);
+  /// Tears down this very state of a path.
+  void destroyPath(const Ptr<Ike::PathConnState>& path);
+  /// What the path queue does with a key.
+  void pathBacklogProcessElem(const ConnectionKey& key);
+
+  /// The only writer of `pathState`. Restarts the sanity expiry, also when the state stays.
+  void setPathState(const Ptr<Ike::PathConnState>& path, DynamicPathState newState);
+  /// The path's state, or null: by the peer of its status, or without a status by asking all peers.
+  Ptr<Ike::PathConnState> getPathConnState(const ConnectionKey& key) const;
+  /// Paths of all peers.
+  uint32_t totalPaths() const;
+
+  /// The rekey machine of each path. `rekeySm(key)` is null when there is none.
+  const KeyedCollection<ConnectionKey, Ptr<RekeySm>>& rekeySm() const { return rekeySm_; }
+  const Ptr<RekeySm>& rekeySm(const ConnectionKey& key) const;
+  const Ptr<RekeySm>& rekeySmIs(TesselV1Sm* sm, const ConnectionKey& key,
+                                const Ptr<RecordEvents>& recordEvents);
+  void rekeySmDel(const ConnectionKey& key);
+  void rekeySmDelAll();
+  void rekeySmNotificationActiveIs(bool active);
+
+ private:
+  Ptr<Ike::PathConnState> findAtAnyPeer(const ConnectionKey& key) const;
+
+  TesselV1Sm& sm_;
+  KeyedCollection<ConnectionKey, Ptr<RekeySm>> rekeySm_;
+};
+
+}  // namespace tessel::Ipsec

@@ -1,0 +1,48 @@
+// SaRekey: the soft limits of SAs, the sweeps that watch them, and the start of an SA rekey.
+#pragma once
+
+#include <cstdint>
+
+#include "host/model/Counters.h"
+#include "host/model/IkeSa.h"
+#include "host/model/Keys.h"
+
+namespace tessel::Ipsec {
+
+class RekeySm;
+class TesselV1Sm;
+
+/// Soft packet or byte limit for a hard one: a quarter less, and up to 2.5 % of it less still, at
+/// random (one draw of the C library's `random()`).
+uint64_t getSoftRekey(uint64_t hardLimit);
+
+/// Soft lifetime in seconds for a hard one: between h - 2j and h - j with j a fifth of it, at most
+/// 900 s, at random (one draw of the C library's `random()`).
+uint64_t getTimedSoftRekey(uint64_t hardSeconds);
+
+class SaRekey {
+ public:
+  explicit SaRekey(TesselV1Sm& sm) : sm_(sm) {}
+
+  /// Marks the steady out-SAs that have soft-expired.
+  void handleSaRekeyTimer();
+  /// Queues every live SA for a look.
+  void handleUpdateRekeyTimer();
+  /// Refreshes the path's view of an SA and starts an SA rekey on it if one is due.
+  void saBacklogProcessElem(const SecurityAssociationKey& saKey);
+  void maybeRekeySa(const SecurityAssociationKey& saKey);
+
+ private:
+  /// The checks that both sweeps share. Returns the rekey machine of the SA's path, which then has
+  /// its path state, or null; `connectionKeyText` is traced for a path without connection status.
+  const RekeySm* findLivePath(const Ike::SecurityAssociation& sa,
+                              const IpsecCounters::IpsecSACounterEntry& counters,
+                              const char* connectionKeyText) const;
+  void checkSoftExpiry(const Ptr<Ike::SecurityAssociation>& sa, const Ike::VrfStatus& vrfStatus);
+  bool hasSoftExpired(const Ike::LifetimeCfg& limits,
+                      const IpsecCounters::IpsecSACounterEntry& counters) const;
+
+  TesselV1Sm& sm_;
+};
+
+}  // namespace tessel::Ipsec
