@@ -4,23 +4,23 @@
 
 namespace tessel {
 
-void HashIndex::link(uint32_t hash, uint32_t position) {
+void HashIndex::link(uint32_t hash, void* place) {
   const size_t mask = entries_.size() - 1;
   size_t i = hash & mask;
-  while (entries_[i].place != 0) {
+  while (entries_[i].place != nullptr) {
     i = (i + 1) & mask;
   }
-  entries_[i] = {hash, position + 1};
+  entries_[i] = {place, hash};
 }
 
-void HashIndex::unlink(uint32_t hash, uint32_t position) {
+void HashIndex::unlink(uint32_t hash, const void* place) {
   const size_t mask = entries_.size() - 1;
   size_t hole = hash & mask;
-  while (entries_[hole].place != position + 1) {
+  while (entries_[hole].place != place) {
     hole = (hole + 1) & mask;
   }
   // Close the hole: pull back every later entry of the run that may stand there.
-  for (size_t i = (hole + 1) & mask; entries_[i].place != 0; i = (i + 1) & mask) {
+  for (size_t i = (hole + 1) & mask; entries_[i].place != nullptr; i = (i + 1) & mask) {
     const size_t home = entries_[i].hash & mask;
     if (((i - home) & mask) >= ((i - hole) & mask)) {
       entries_[hole] = entries_[i];

@@ -1,5 +1,5 @@
 // HashIndex: where the members of a dense collection stand, by the hashes of their keys. Open
-// addressing with linear probing; knows positions and hashes only, so that all collections share
+// addressing with linear probing; knows addresses and hashes only, so that all collections share
 // it.
 #pragma once
 
@@ -11,8 +11,6 @@ namespace tessel {
 
 class HashIndex {
  public:
-  static constexpr uint32_t kNowhere = UINT32_MAX;
-
   /// Whether there is no index: nothing may then be looked up, linked or unlinked.
   bool empty() const { return entries_.empty(); }
   /// Whether one more member than `count` still leaves a quarter of the entries free.
@@ -20,30 +18,29 @@ class HashIndex {
     return 4 * (static_cast<size_t>(count) + 1) <= 3 * entries_.size();
   }
 
-  /// The first position linked under `hash` for which `matches(position)` holds, or `kNowhere`.
+  /// The first place linked under `hash` for which `matches(place)` holds, or null.
   template <class Matches>
-  uint32_t find(uint32_t hash, const Matches& matches) const {
+  void* find(uint32_t hash, const Matches& matches) const {
     const size_t mask = entries_.size() - 1;
-    for (size_t i = hash & mask; entries_[i].place != 0; i = (i + 1) & mask) {
-      if (entries_[i].hash == hash && matches(entries_[i].place - 1)) {
-        return entries_[i].place - 1;
+    for (size_t i = hash & mask;; i = (i + 1) & mask) {
+      const Entry& entry = entries_[i];
+      if (entry.place == nullptr || (entry.hash == hash && matches(entry.place))) {
+        return entry.place;
       }
     }
-    return kNowhere;
   }
-  void link(uint32_t hash, uint32_t position);
-  void unlink(uint32_t hash, uint32_t position);
-  /// Forgets every position and makes room for twice `count` members.
+  void link(uint32_t hash, void* place);
+  void unlink(uint32_t hash, const void* place);
+  /// Forgets every place and makes room for twice `count` members.
   void restart(uint32_t count);
-  /// Forgets every position and frees the memory.
+  /// Forgets every place and frees the memory.
   void reset();
   void swap(HashIndex& other) noexcept { entries_.swap(other.entries_); }
 
  private:
-  /// `place` is the position + 1, so that 0 marks a free entry.
   struct Entry {
+    void* place = nullptr;  // Null: the entry is free.
     uint32_t hash = 0;
-    uint32_t place = 0;
   };
   std::vector<Entry> entries_;
 };

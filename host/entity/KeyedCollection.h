@@ -50,7 +50,9 @@ class KeyedCollection {
   }
   ~KeyedCollection() {
     assert(walks_ == 0 && "a collection died during a walk over it");
-    clear();
+    while (live_ > 0) {  // A value that is released may come back and add another one.
+      clear();
+    }
   }
 
   void swap(KeyedCollection& other) noexcept {
@@ -66,28 +68,27 @@ class KeyedCollection {
 
   /// The value under `key`, or null.
   const Value* find(const Key& key) const {
-    const uint32_t position = locate(key);
-    return position == kNowhere ? nullptr : &slot(position).member()->value;
+    const Slot* found = locate(key);
+    return found == nullptr ? nullptr : &found->member()->value;
   }
   Value* find(const Key& key) { return const_cast<Value*>(std::as_const(*this).find(key)); }
-  bool has(const Key& key) const { return locate(key) != kNowhere; }
+  bool has(const Key& key) const { return locate(key) != nullptr; }
 
   /// Finds the value under `key`, or makes one from `args`. The flag says whether it was made.
   template <class... Args>
   std::pair<Value&, bool> emplace(const Key& key, Args&&... args) {
     const uint32_t hash = index_.empty() ? 0 : hashValue(key, kSeed);
-    const uint32_t found = index_.empty() ? scan(key) : probe(key, hash);
-    if (found != kNowhere) {
-      return {slot(found).member()->value, false};
+    if (Slot* found = index_.empty() ? scan(key) : probe(key, hash)) {
+      return {found->member()->value, false};
     }
     Slot& fresh = grow();
     new (fresh.storage) Member{key, Value(std::forward<Args>(args)...)};
     fresh.state = SlotState::live;
     ++used_;
     ++live_;
-    if (!index_.empty() && index_.hasRoomAfter(live_)) {
+    if (index_.hasRoomAfter(live_)) {
       fresh.hash = hash;
-      index_.link(hash, used_ - 1);
+      index_.link(hash, &fresh);
     } else if (live_ > kScanLimit) {
       rebuildIndex();
     }
@@ -97,13 +98,13 @@ class KeyedCollection {
   /// Takes the member under `key` out. Returns its value, or nothing when there was none; during a
   /// walk the value stays in place until the walk ends, and a copy of it is returned.
   std::optional<Value> take(const Key& key) {
-    const uint32_t position = locate(key);
-    if (position == kNowhere) {
+    Slot* const found = locate(key);
+    if (found == nullptr) {
       return std::nullopt;
     }
-    Slot& old = slot(position);
+    Slot& old = *found;
     if (!index_.empty()) {
-      index_.unlink(old.hash, position);
+      index_.unlink(old.hash, &old);
     }
     --live_;
     if (walks_ > 0) {
@@ -121,14 +122,15 @@ class KeyedCollection {
   }
 
   void clear() {
-    while (live_ > 0) {
-      // Releasing a value may come back here for another member, so nothing is held meanwhile.
-      const uint32_t position = firstLive();
-      const Key key = slot(position).member()->key;
-      take(key);
+    for (uint32_t i = 0; i < used_; ++i) {
+      if (Slot& each = slot(i); each.state == SlotState::live) {
+        each.state = SlotState::deleted;
+      }
     }
+    live_ = 0;
+    index_.reset();
     if (walks_ == 0) {
-      reset();
+      sweep();
     }
   }
 
@@ -201,7 +203,6 @@ class KeyedCollection {
   std::default_sentinel_t end() const { return {}; }
 
  private:
-  static constexpr uint32_t kNowhere = HashIndex::kNowhere;
   static constexpr uint32_t kScanLimit = 8;  // Up to here comparing keys beats an index.
   static constexpr uint32_t kSeed = 0x7E55E1;
 
@@ -217,42 +218,38 @@ class KeyedCollection {
 
   // Members lie in blocks of 2, 2, 4, 8, 16 ... slots: growing moves nothing.
   static uint32_t blockOf(uint32_t position) {
-    return position < 2 ? 0 : static_cast<uint32_t>(std::bit_width(position)) - 1;
+    return static_cast<uint32_t>(std::bit_width(position | 1U)) - 1;
   }
-  static uint32_t blockStart(uint32_t block) { return block == 0 ? 0 : 1U << block; }
+  static uint32_t blockStart(uint32_t block) { return (1U << block) & ~1U; }
   static uint32_t blockSize(uint32_t block) { return block == 0 ? 2 : 1U << block; }
 
-  Slot& slot(uint32_t position) {
-    const uint32_t block = blockOf(position);
-    return blocks_[block][position - blockStart(block)];
-  }
-  const Slot& slot(uint32_t position) const {
+  Slot& slot(uint32_t position) const {
     const uint32_t block = blockOf(position);
     return blocks_[block][position - blockStart(block)];
   }
 
-  uint32_t locate(const Key& key) const {
+  Slot* locate(const Key& key) const {
     return index_.empty() ? scan(key) : probe(key, hashValue(key, kSeed));
   }
-  uint32_t scan(const Key& key) const {
+  Slot* scan(const Key& key) const {
     for (uint32_t i = 0; i < used_; ++i) {
-      const Slot& candidate = slot(i);
+      Slot& candidate = slot(i);
       if (candidate.state == SlotState::live && candidate.member()->key == key) {
-        return i;
+        return &candidate;
       }
     }
-    return kNowhere;
+    return nullptr;
   }
-  uint32_t probe(const Key& key, uint32_t hash) const {
-    return index_.find(hash,
-                       [&](uint32_t position) { return slot(position).member()->key == key; });
+  Slot* probe(const Key& key, uint32_t hash) const {
+    return static_cast<Slot*>(index_.find(
+        hash, [&](void* place) { return static_cast<Slot*>(place)->member()->key == key; }));
   }
   void rebuildIndex() {
     index_.restart(live_);
     for (uint32_t i = 0; i < used_; ++i) {
       if (Slot& each = slot(i); each.state == SlotState::live) {
         each.hash = hashValue(each.member()->key, kSeed);
-        index_.link(each.hash, i);
+        index_.link(each.hash, &each);
       }
     }
   }
@@ -268,13 +265,6 @@ class KeyedCollection {
     old.state = SlotState::unused;
     old.member()->~Member();
   }
-  uint32_t firstLive() const {
-    uint32_t position = 0;
-    while (slot(position).state != SlotState::live) {
-      ++position;
-    }
-    return position;
-  }
   void reset() {
     used_ = 0;
     blocks_.clear();
@@ -282,7 +272,7 @@ class KeyedCollection {
     index_.reset();
   }
 
-  // After the last walk: lets go of what was deleted meanwhile, and closes the gaps.
+  // Outside of walks: lets go of what was deleted, and closes the gaps.
   void sweep() {
     std::vector<Value> released;  // Dies last: releasing may come back to this collection.
     uint32_t dead = 0;
