@@ -15,24 +15,6 @@ uint8_t narrowCode(uint16_t code, const char* field) {
   return static_cast<uint8_t>(code);
 }
 
-std::shared_ptr<const Controller::PeerKeyInfo> readRecord(const Controller::LocalKeyDir& dir) {
-  if (!dir.valid()) {
-    return nullptr;
-  }
-  return std::make_shared<Controller::PeerKeyInfo>(
-      Controller::PeerKeyInfo{.originatorId = dir.originatorId(),
-                              .dhKey = dir.dhKey(),
-                              .dhKeyLen = dir.dhKeyLen(),
-                              .dhGroup = dir.dhGroup(),
-                              .nonce = dir.nonce(),
-                              .nonceLen = dir.nonceLen(),
-                              .encryptAlgo = narrowCode(dir.encryptAlgo(), "encryptAlgo"),
-                              .hashAlgo = narrowCode(dir.hashAlgo(), "hashAlgo"),
-                              .valid = 1,
-                              .rekeyCounter = dir.rekeyCounter(),
-                              .received = 1});
-}
-
 template <class Code>
 uint8_t otherCode(uint8_t code, Code usual, Code instead) {
   return static_cast<uint8_t>(code == static_cast<uint8_t>(usual) ? instead : usual);
@@ -74,6 +56,24 @@ void spoil(Controller::PeerKeyInfo& record, RecordFault fault) {
 }
 
 }  // namespace
+
+std::shared_ptr<const Controller::PeerKeyInfo> readRecord(const Controller::LocalKeyDir& dir) {
+  if (!dir.valid()) {
+    return nullptr;
+  }
+  return std::make_shared<Controller::PeerKeyInfo>(
+      Controller::PeerKeyInfo{.originatorId = dir.originatorId(),
+                              .dhKey = dir.dhKey(),
+                              .dhKeyLen = dir.dhKeyLen(),
+                              .dhGroup = dir.dhGroup(),
+                              .nonce = dir.nonce(),
+                              .nonceLen = dir.nonceLen(),
+                              .encryptAlgo = narrowCode(dir.encryptAlgo(), "encryptAlgo"),
+                              .hashAlgo = narrowCode(dir.hashAlgo(), "hashAlgo"),
+                              .valid = 1,
+                              .rekeyCounter = dir.rekeyCounter(),
+                              .received = 1});
+}
 
 /// What one router gets of one originator instead of the truth.
 struct Controllers::Fault {

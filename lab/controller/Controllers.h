@@ -23,6 +23,10 @@ struct ControllerClient {
   Ptr<Controller::Status> status;
 };
 
+/// What a router has published, as its peers receive it; null while it publishes nothing. Throws
+/// std::range_error, which names the field, for an algorithm code that a record cannot hold.
+std::shared_ptr<const Controller::PeerKeyInfo> readRecord(const Controller::LocalKeyDir& dir);
+
 /// Is told what passes between the controllers and the routers.
 class ControllersObserver {
  public:

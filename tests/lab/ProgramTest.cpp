@@ -1,0 +1,154 @@
+// tessel-lab as its users meet it: exit status, what it prints, the report for programs.
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "lab/Program.h"
+#include "lab/ReadFile.h"
+#include "lab/run/Lab.h"
+#include "lab/run/Mesh.h"
+#include "tests/lab/JsonSchema.h"
+
+namespace tessel::lab {
+namespace {
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+const std::string kSample = TESSEL_SOURCE_DIR "/tests/lab/sample.yaml";
+
+class ProgramTest : public testing::Test {
+ protected:
+  ProgramTest()
+      : folder_(std::filesystem::path(testing::TempDir()) /
+                testing::UnitTest::GetInstance()->current_test_info()->name()) {
+    std::filesystem::create_directories(folder_);
+  }
+  ~ProgramTest() override { std::filesystem::remove_all(folder_); }
+
+  std::string file(const std::string& name) const { return (folder_ / name).string(); }
+  std::string write(const std::string& name, const std::string& text) const {
+    std::ofstream(file(name)) << text;
+    return file(name);
+  }
+
+  int run(std::vector<std::string> args) {
+    out.str("");
+    err.str("");
+    return runProgram(std::move(args), out, err);
+  }
+
+  std::ostringstream out;
+  std::ostringstream err;
+
+ private:
+  std::filesystem::path folder_;
+};
+
+TEST_F(ProgramTest, TellsTheStoryThenTheTablesThenTheVerdict) {
+  ASSERT_EQ(run({"run", kSample}), held);
+  const std::string text = out.str();
+  const char* const inThisOrder[] = {
+      "sample, seed 1\n",
+      "      0.000 s  east  up as 192.0.2.1, profile overlay, group ecp-256\n",
+      "      0.000 s  west  published key 0: ecp-256, aes-256-gcm-16 and sha256\n",
+      "      0.050 s  east  received west's key 0: ecp-256, aes-256-gcm-16 and sha256\n",
+      " in: handed over for path internet, steady-in\n",
+      "      0.050 s  east  peer west: first DH exchange done, keys 0/0\n",
+      "      1.010 s  west  path internet: first packet decrypted\n",
+      "     10.000 s  lab   timeline: cut-link: {path: internet, from: east}\n",
+      "\neast (192.0.2.1): key 0 published, connected to the controllers\n",
+      "\n  west  192.0.2.2  ready   0 ",
+      "\n  internet  west  established  0/0   10.0.0.1:4500  10.0.0.2:4500  19",
+      "  steady-in   0/0   rfc4106(gcm(aes)) hmac(sha256)  19.9 s  19",
+      "\n  dropped: nothing\n",
+      "\n  bulk  internet  east  191   90        100\n",
+      "\nOK: all 2 expectations held\n"};
+  size_t position = 0;
+  for (const char* part : inThisOrder) {
+    const size_t found = text.find(part, position);
+    ASSERT_NE(found, std::string::npos) << part << "\nis missing in\n" << text;
+    position = found;
+  }
+  EXPECT_THAT(err.str(), IsEmpty());
+}
+
+TEST_F(ProgramTest, SaysWhichExpectationFailedAndWhatWasFound) {
+  std::string text = readFile(kSample).value();
+  text.replace(text.find("from: west}\n"), 10, "from: east");
+  ASSERT_EQ(run({"run", "--quiet", write("broken.yaml", text)}), notHeld);
+  EXPECT_EQ(out.str(),
+            "not held: line 21, at 20 s: lost: {from: east}; found: 100\n"
+            "FAILED: 1 of 2 expectations did not hold\n");
+}
+
+TEST_F(ProgramTest, ExitStatusSaysWhatIsWrong) {
+  const std::string unit = write("unit.yaml", "duration: 20\nrouters: []\n");
+  const struct {
+    const char* what;
+    std::vector<std::string> args;
+    int status;
+    std::string error;
+  } cases[] = {
+      {"nothing asked", {}, badInput, "subcommand"},
+      {"unknown option", {"run", kSample, "--sed", "1"}, badInput, "--sed"},
+      {"seed is no number", {"run", kSample, "--seed", "x"}, badInput, "seed"},
+      {"no such file", {"run", file("none.yaml")}, badInput, "none.yaml:0:0"},
+      {"no such file to check", {"check", file("none.yaml")}, badInput, "cannot be read"},
+      {"bad file", {"run", unit}, badInput, "unit.yaml:1:11: duration: \"20\""},
+      {"bad file to check", {"check", unit}, badInput, "unit.yaml:1:11: duration: \"20\""},
+      {"bad report", {"run", kSample, "--json", file("no/dir")}, badInput, "cannot be written"},
+      {"good file to check", {"check", kSample}, held, ""},
+      {"help", {"--help"}, held, ""},
+  };
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.what);
+    EXPECT_EQ(run(each.args), each.status);
+    EXPECT_THAT(err.str(), HasSubstr(each.error));
+    EXPECT_EQ(err.str().empty(), each.status == held);
+  }
+  const Lab other(meshScenario({}));
+  EXPECT_EQ(run({"run", kSample, "--quiet"}), internalError);
+  EXPECT_THAT(err.str(), StartsWith("tessel-lab: internal error: "));
+}
+
+TEST_F(ProgramTest, SeedTraceAndTogglesReachTheRun) {
+  run({"run", kSample});
+  const std::string first = out.str();
+  run({"run", kSample, "--seed", "1"});
+  EXPECT_EQ(out.str(), first);
+  run({"run", kSample, "--seed", "2"});
+  EXPECT_NE(out.str(), first);
+  EXPECT_THAT(first, Not(HasSubstr("| ")));
+  run({"run", kSample, "--trace"});
+  EXPECT_THAT(out.str(), HasSubstr("      0.000 s  east  | doGenerateDhKey"));
+
+  EXPECT_EQ(run({"run", kSample, "--quiet", "--toggles", write("bad.json", "{\"A\": 1}")}), held);
+  EXPECT_THAT(err.str(), HasSubstr("bad.json:1:"));
+}
+
+TEST_F(ProgramTest, TheReportFollowsItsSchema) {
+  using Json = nlohmann::json;
+  const Json schema = Json::parse(*readFile(TESSEL_SOURCE_DIR "/docs/report.schema.json"));
+  for (const char* name : {"two-routers.yaml", "hub.yaml"}) {
+    SCOPED_TRACE(name);
+    ASSERT_EQ(run({"run", "--quiet", "--json", file("report.json"),
+                   TESSEL_SOURCE_DIR "/scenarios/" + std::string(name)}),
+              held);
+    Json report = Json::parse(*readFile(file("report.json")));
+    EXPECT_THAT(schemaFaults(schema, schema, report), IsEmpty());
+    EXPECT_TRUE(report["held"]);
+
+    // The schema says something.
+    report["routers"][0]["sas"][0].erase("spi");
+    report["routers"][1]["colour"] = "blue";
+    EXPECT_THAT(schemaFaults(schema, schema, report),
+                testing::ElementsAre("/routers/0/sas/0: lacks \"spi\"",
+                                     "/routers/1/colour: must not be there"));
+  }
+}
+
+}  // namespace
+}  // namespace tessel::lab

@@ -1,0 +1,156 @@
+// The state model: values, their order and text, and what entities promise beyond holding values.
+#include <algorithm>
+
+#include "host/model/Agent.h"
+#include "host/model/Counters.h"
+#include "host/model/Events.h"
+#include "host/model/IkeStatus.h"
+#include "host/runtime/VirtualTime.h"
+
+namespace tessel {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::UnorderedElementsAre;
+
+IpGenAddr address(const std::string& text) {
+  return IpGenAddr::parse(text).value();
+}
+
+TEST(IpGenAddr, ReadsWritesAndOrdersBothFamilies) {
+  const struct {
+    const char* text;
+    const char* written;
+    uint32_t v4;
+    bool unspecified = false;
+  } rows[] = {// In ascending order.
+              {"0.0.0.0", "0.0.0.0", 0, true},
+              {"10.0.0.1", "10.0.0.1", 0x0A000001},
+              {"10.0.1.0", "10.0.1.0", 0x0A000100},
+              {"192.0.2.255", "192.0.2.255", 0xC00002FF},
+              {"::", "::", 0, true},
+              {"2001:0DB8::0:1", "2001:db8::1", 0},
+              {"2001:db8::1:0", "2001:db8::1:0", 0}};
+  IpGenAddr before;
+  EXPECT_TRUE(before.isUnspecified());
+  EXPECT_EQ(before.stringValue(), "unspecified");
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.text);
+    const IpGenAddr read = address(row.text);
+    EXPECT_EQ(read.stringValue(), row.written);
+    EXPECT_EQ(read.v4Addr(), row.v4);
+    EXPECT_EQ(read.isUnspecified(), row.unspecified);
+    EXPECT_LT(before, read);
+    EXPECT_EQ(read, read.family() == AddressFamily::ipv4 ? IpGenAddr::fromV4(row.v4)
+                                                         : IpGenAddr::fromV6(read.v6Addr()));
+    before = read;
+  }
+  for (const char* text : {"", "1.2.3", "1.2.3.4.5", "256.0.0.1", "1.2.3.4 ", "2001:db8", "host"}) {
+    EXPECT_FALSE(IpGenAddr::parse(text)) << text;
+  }
+}
+
+TEST(Enumerations, DhGroupsAreTheIanaNumbersOrUnsupported) {
+  const std::vector<uint32_t> supported = {1, 2, 5, 14, 15, 16, 17, 19, 20, 21, 24};
+  for (uint32_t number = 0; number < 256; ++number) {
+    const bool known = std::ranges::find(supported, number) != supported.end();
+    EXPECT_EQ(getDhGroupNum(static_cast<IpsecDhGroup>(number)), known ? number : 0U) << number;
+  }
+}
+
+TEST(Enumerations, NumbersWithoutMeaningAreRefusedOrUnknown) {
+  EXPECT_EQ(static_cast<uint32_t>(NonceTypeInstance(2)), 2U);
+  for (const uint32_t number : {3U, 256U, 0xFFFFFFFFU}) {
+    EXPECT_THROW(NonceTypeInstance(number), std::out_of_range);
+  }
+  EXPECT_EQ(stringValue(static_cast<IpsecEspAlgorithm>(9)), "unknown(9)");
+}
+
+TEST(Timing, ADhRekeyWaitsFromTheFirstPeerOn) {
+  const auto time = makePtr<VirtualTime>();
+  const auto status = makePtr<Ike::Status>(makePtr<Ike::Timing>(*time));
+  time->runUntil(seconds(1000));
+  EXPECT_FALSE(status->isDhRekeyReady());
+  status->setDhRekeyDelayTime();
+  time->runUntil(seconds(1119.5));
+  EXPECT_FALSE(status->isDhRekeyReady());
+  time->runUntil(seconds(1120));
+  EXPECT_TRUE(status->isDhRekeyReady());
+}
+
+class Retention : public ::testing::Test {
+ protected:
+  Retention() { events_->follow(sas_); }
+
+  static SecurityAssociationKey key(uint32_t spi) { return {spi, address("10.0.0.1"), 50, 1, 2}; }
+  static ConnectionKey path(ConnectionId id) {
+    return {0, address("10.0.0.1"), address("10.0.0.2"), id};
+  }
+  /// An SA of a path comes, as the machine brings it: entered first, then recorded.
+  void add(uint32_t spi, ConnectionId id = 1) {
+    sas_->cpSaIs(key(spi), path(id));
+    record(spi);
+  }
+  /// And goes: taken out first, then recorded.
+  void del(uint32_t spi) {
+    sas_->cpSaDel(key(spi));
+    record(spi);
+  }
+  void record(uint32_t spi) {
+    events_->pathNameMappingIs("blue")->saEventsIs(events_->saEventsIs(key(spi)));
+  }
+  std::vector<uint32_t> kept() const {
+    std::vector<uint32_t> spis;
+    for (const auto& [saKey, log] : events_->saEvents()) {
+      spis.push_back(saKey.spi);
+    }
+    EXPECT_EQ((*events_->pathNameMapping().find("blue"))->saEvents().keys(),
+              events_->saEvents().keys());
+    return spis;
+  }
+
+  const Ptr<IpsecCommon::TesselV1> sas_ = makePtr<IpsecCommon::TesselV1>();
+  const Ptr<RecordEvents> events_ = makePtr<RecordEvents>();
+};
+
+TEST_F(Retention, KeepsTheLogsOfTwoGoneSasPerPath) {
+  for (uint32_t spi = 1; spi <= 6; ++spi) {
+    add(spi);
+  }
+  add(100, 2);
+  add(101, 2);
+  del(2);
+  del(100);
+  del(1);
+  EXPECT_THAT(kept(), ElementsAre(1, 2, 3, 4, 5, 6, 100, 101));
+  del(4);  // The oldest of the path's gone ones goes; the other path's stay.
+  del(101);
+  EXPECT_THAT(kept(), ElementsAre(1, 3, 4, 5, 6, 100, 101));
+}
+
+TEST_F(Retention, AnSaThatComesBackKeepsItsLogAndCountsAsPresent) {
+  add(1);
+  add(2);
+  add(3);
+  del(1);
+  const Ptr<SaEventEntry> log = events_->saEventsIs(key(1));
+  add(1);
+  EXPECT_EQ(events_->saEventsIs(key(1)), log);
+  del(2);
+  del(3);
+  EXPECT_THAT(kept(), UnorderedElementsAre(1, 2, 3));  // 1 is present, 2 and 3 are gone.
+  del(1);
+  EXPECT_THAT(kept(), UnorderedElementsAre(1, 3));
+}
+
+TEST_F(Retention, OnlyTheLastOneIsKeptWhenNoneAreAskedFor) {
+  events_->maxGoneSaLogsIs(0);
+  for (uint32_t spi = 1; spi <= 5; ++spi) {
+    add(spi);
+    del(spi);
+  }
+  EXPECT_THAT(kept(), ElementsAre(5));  // Its farewell is recorded after it is gone.
+}
+
+}  // namespace
+}  // namespace tessel

@@ -1,0 +1,113 @@
+// A mesh in which everything happens to everyone, and which has to come to rest all the same.
+#include <cstdlib>
+#include <random>
+
+#include <gtest/gtest.h>
+
+#include "lab/run/Lab.h"
+#include "lab/run/Mesh.h"
+#include "sm/DhRekey.h"
+
+namespace tessel::lab {
+namespace {
+
+/// Why an end of a path is not at rest: active, no rekey, one in-SA with the other end's SPI.
+std::string whyNotAtRest(const PathView& end, const PathView& other) {
+  if (end.state() != DynamicPathState::active) {
+    return "state " + stringValue(end.state());
+  }
+  if (end.saSmState() != SmState::idle) {
+    return "saSmState " + stringValue(end.saSmState());
+  }
+  return end.inSpi() == 0 || end.inSpi() != other.outSpi() ? "SPIs are not crossed" : "";
+}
+
+/// An event every 40 s for an hour, then 40 minutes of quiet.
+class RandomMix {
+ public:
+  /// The key's lifetime outlasts the run: what rekeys, rekeys because it is told to.
+  explicit RandomMix(uint64_t seed)
+      : random_(seed),
+        lab_(meshScenario({.seed = seed,
+                           .routers = {"a", "b", "c"},
+                           .pathsPerPair = 2,
+                           .settings = {.dhKeyLifetime = 7 * 86400},
+                           .trafficInterval = seconds(1)})) {}
+
+  void run() {
+    lab_.run(seconds(240));
+    for (int i = 0; i < 90; ++i) {
+      lab_.run(seconds(40));
+      disturb();
+    }
+    lab_.apply(RestoreLink{});
+    lab_.apply(RestoreRecord{});
+    lab_.run(seconds(40 * 60));
+  }
+
+  std::string verdict() {
+    for (const auto& router : lab_.routers()) {
+      const DhRekeyState state = router->machine().dhRekey().dhRekeyState();
+      if (state != DhRekeyState::notRekeying) {
+        return router->name() + ": local " + stringValue(state);
+      }
+    }
+    for (const PathPlan& path : lab_.scenario().paths) {
+      for (const int end : {0, 1}) {
+        const std::string& router = path.ends[end].router;
+        const std::string why =
+            whyNotAtRest(lab_.router(router).pathView(path.name),
+                         lab_.router(path.ends[1 - end].router).pathView(path.name));
+        if (!why.empty()) {
+          return path.name + " at " + router + ": " + why;
+        }
+        const FlowCounts before = lab_.traffic().counts({}, path.name, router);
+        lab_.run(seconds(3));
+        if (lab_.traffic().counts({}, path.name, router).received == before.received) {
+          return path.name + ": no traffic from " + router;
+        }
+      }
+    }
+    return {};
+  }
+
+ private:
+  uint64_t draw(uint64_t n) { return random_() % n; }
+
+  void disturb() {
+    const PathPlan& path = lab_.scenario().paths[draw(lab_.scenario().paths.size())];
+    const uint64_t end = draw(2);
+    const std::string& router = path.ends[end].router;
+    const std::string& other = path.ends[1 - end].router;
+    const Action actions[] = {CutLink{.path = path.name},
+                              RestoreLink{.path = path.name},
+                              ForceSaRekey{.path = path.name, .router = router},
+                              ForceDhRekey{.router = router},
+                              ClearPath{.path = path.name, .router = router},
+                              ChangeMergeData{.path = path.name, .router = router},
+                              WithdrawRecord{.router = other, .at = router},
+                              RestoreRecord{.router = other, .at = router}};
+    lab_.apply(actions[draw(std::size(actions))]);
+  }
+
+  std::mt19937_64 random_;
+  Lab lab_;
+};
+
+/// TESSEL_MIX_SEEDS widens the range; the figure for every day keeps the suite quick.
+uint64_t seedsToRun() {
+  const char* text = std::getenv("TESSEL_MIX_SEEDS");
+  return text == nullptr ? 8 : std::strtoull(text, nullptr, 10);
+}
+
+TEST(RandomMix, ComesToRest) {
+  for (uint64_t seed = 1; seed <= seedsToRun(); ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    RandomMix mix(seed);
+    mix.run();
+    EXPECT_EQ(mix.verdict(), "");
+  }
+}
+
+}  // namespace
+}  // namespace tessel::lab

@@ -1,0 +1,326 @@
+// DH rekey: which role a path gets, which out-SA it installs, and what the loss of the controllers
+// does to the timers.
+#include <set>
+#include <string>
+#include <vector>
+
+#include "host/facility/AgentLog.h"
+#include "tests/sm/MachineFixture.h"
+
+namespace tessel::Ipsec {
+namespace {
+
+class DhRekeyTest : public MachineTest {
+ protected:
+  DhRekey& dhRekey() const { return sm->dhRekey(); }
+};
+
+TEST_F(DhRekeyTest, EveryPathStateIsMarkedForItsRole) {
+  const FakePeer peer = makePeer(2);
+  const ConnectionKey key = establish(peer);
+  const auto in = [](int number, int from, int to) { return from <= number && number <= to; };
+  for (int number = 0; number < 32; ++number) {
+    SCOPED_TRACE(number);
+    const auto markedFrom = [&](bool initiator) {
+      path(key)->pathStateIs(static_cast<DynamicPathState>(number));
+      initiator ? dhRekey().markPathsAsDhRekeyInitiated()
+                : dhRekey().markPathsAsDhRekeyResponder(peer.address);
+      return static_cast<int>(path(key)->pathState());
+    };
+    const bool quiet = in(number, 1, 3) || in(number, 17, 28);
+    EXPECT_EQ(markedFrom(true), quiet ? 4 : in(number, 9, 12) ? 14 : 31);
+    EXPECT_EQ(markedFrom(false), quiet ? 9 : in(number, 4, 8) ? 13 : 31);
+  }
+}
+
+TEST_F(DhRekeyTest, TheRoleFollowsFromWhichGenerationsAreTheNewest) {
+  start();
+  const struct {
+    DhKeyPair pair;
+    SmState whileRekeying;
+    SmState otherwise;
+  } rows[] = {{{5, 6}, SmState::initiator, SmState::initiator},
+              {{5, 7}, SmState::initiator, SmState::responder},
+              {{4, 7}, SmState::responder, SmState::responder},
+              {{4, 6}, SmState::noRole, SmState::noRole}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(stringValue(row.pair));
+    for (const auto state : {DhRekeyState::initiated, DhRekeyState::inSaInstalled,
+                             DhRekeyState::inProgress, DhRekeyState::notRekeying}) {
+      dhRekey().setLocalDhState(5, state);
+      EXPECT_EQ(dhRekey().getDhRekeyRole(row.pair, 5, 7),
+                state == DhRekeyState::notRekeying ? row.otherwise : row.whileRekeying);
+    }
+  }
+}
+
+TEST_F(DhRekeyTest, AnOutSaIsInstalledForTheNewestGenerationAlone) {
+  const struct {
+    const char* what;
+    DhKeyPair inSa;                 // Whose out-SA is asked for.
+    DhKeyPair current;              // Of the out-SA in use.
+    std::vector<DhKeyPair> crypto;  // With one in-SA each, but for `missing`.
+    std::optional<DhKeyPair> missing;
+    uint64_t local;      // Published.
+    uint64_t published;  // By the peer.
+    std::optional<DhKeyPair> installed;
+    DynamicPathState state;
+  } rows[] = {{"old in-SA", {3, 4}, {4, 4}, {{3, 4}, {4, 5}}, {}, 4, 5, {}, DynamicPathState::idle},
+              {"out-SA of no latest generation",
+               {3, 6},
+               {4, 5},
+               {{3, 6}, {5, 5}},
+               {},
+               5,
+               6,
+               {},
+               DynamicPathState::idle},
+              {"latest one is in use",
+               {3, 5},
+               {4, 5},
+               {{3, 5}, {4, 5}},
+               {},
+               4,
+               5,
+               {},
+               DynamicPathState::idle},
+              {"out-SA in use is ahead",
+               {3, 5},
+               {4, 6},
+               {{3, 5}, {4, 5}},
+               {},
+               4,
+               5,
+               {},
+               DynamicPathState::idle},
+              {"hands over to the latest",
+               {3, 5},
+               {4, 4},
+               {{3, 5}, {4, 5}},
+               {},
+               4,
+               5,
+               DhKeyPair{4, 5},
+               DynamicPathState::dhLatestOutSaInstalling},
+              {"hands over across two generations",
+               {3, 6},
+               {4, 4},
+               {{3, 6}, {4, 6}},
+               {},
+               4,
+               6,
+               DhKeyPair{4, 6},
+               DynamicPathState::dhLatestOutSaInstalling},
+              {"nothing to hand over to",
+               {3, 5},
+               {4, 4},
+               {{3, 5}, {4, 5}},
+               DhKeyPair{4, 5},
+               4,
+               5,
+               {},
+               DynamicPathState::idle},
+              {"same local, older peer key",
+               {4, 4},
+               {4, 4},
+               {{4, 4}, {4, 5}},
+               {},
+               4,
+               5,
+               {},
+               DynamicPathState::idle},
+              {"same local, newest peer key",
+               {4, 5},
+               {4, 4},
+               {{4, 5}},
+               {},
+               4,
+               5,
+               DhKeyPair{4, 5},
+               DynamicPathState::idle},
+              {"newer local, latest",
+               {5, 5},
+               {4, 5},
+               {{4, 5}, {5, 5}},
+               {},
+               5,
+               5,
+               DhKeyPair{5, 5},
+               DynamicPathState::idle},
+              {"newer local, not the latest",
+               {5, 5},
+               {4, 5},
+               {{5, 5}, {5, 6}},
+               {},
+               5,
+               6,
+               DhKeyPair{5, 6},
+               DynamicPathState::idle},
+              {"newer local, latest has no in-SA",
+               {5, 5},
+               {4, 5},
+               {{5, 5}, {5, 6}},
+               DhKeyPair{5, 6},
+               5,
+               6,
+               {},
+               DynamicPathState::idle},
+              {"newer local, not published",
+               {5, 5},
+               {4, 5},
+               {{4, 5}, {5, 5}},
+               {},
+               4,
+               5,
+               {},
+               DynamicPathState::idle}};
+  FakePeer peer = makePeer(2);
+  const ConnectionKey key = establish(peer);
+  const Ike::CryptoInfo info = state(peer)->dhCryptoInfo(DhKeyPair{0, 0})->cryptoInfo();
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    for (const auto& [saKey, saInfo] : path(key)->pathConnSaInfo()) {
+      sm->securityAssociations().doDeleteSA(saInfo->sa(), path(key));
+    }
+    state(peer)->dhCryptoInfoDelAll();
+    host->ipsecLocalKeyDir->rekeyCounterIs(row.local);
+    peer.record.rekeyCounter = row.published;
+    publish(peer);
+    for (const DhKeyPair& pair : row.crypto) {
+      Ike::CryptoInfo own = info;  // Every generation has SPIs of its own.
+      own.firstSpi += static_cast<uint32_t>(100 * pair.localRekeyCount + pair.peerRekeyCount);
+      own.secondSpi += static_cast<uint32_t>(100 * pair.localRekeyCount + pair.peerRekeyCount);
+      state(peer)->dhCryptoInfoIs(pair)->cryptoInfoIs(own);
+      if (pair != row.missing) {
+        sm->securityAssociations().doCreateIpsecControllerSAs(
+            key, pair, profileName, path(key)->reqid(), SaType::dhRekeyIn);
+      }
+    }
+    const Ptr<RekeySm> rekeySm = sm->paths().rekeySm(key);
+    const auto inSa = rekeySm->getSaFromDhKeyPairAndType(row.inSa, SaType::dhRekeyIn);
+    ASSERT_TRUE(inSa);
+    path(key)->curOutSaDhKeyPairIs(row.current);
+    path(key)->pathStateIs(DynamicPathState::idle);
+    rekeySm->installDhRekeyOutSa(inSa->sakey());
+    std::optional<DhKeyPair> installed;
+    if (const auto outSa = sa(key, SaType::dhRekeyOut)) {
+      installed = outSa->dhKeyPair();
+    }
+    EXPECT_EQ(installed, row.installed);
+    EXPECT_EQ(path(key)->pathState(), row.state);
+  }
+}
+
+/// What the operator reads, in order.
+class LogCapture final : public AgentLogSink {
+ public:
+  LogCapture() { AgentLog::sinkIs(this); }
+  ~LogCapture() override { AgentLog::sinkIs(nullptr); }
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+  std::vector<std::string> take() { return std::exchange(lines_, {}); }
+
+ private:
+  void log(const AgentLogLine& line) override { lines_.emplace_back(line.identifier); }
+  std::vector<std::string> lines_;
+};
+
+class HoldTimerTest : public DhRekeyTest {
+ protected:
+  static constexpr const char* kPaused = "TESSEL_DH_REKEY_PAUSED";
+  static constexpr const char* kResumed = "TESSEL_DH_REKEY_RESUMED";
+  static constexpr const char* kExpired = "TESSEL_HOLDTIMER_EXPIRED";
+
+  HoldTimerTest() {
+    auto keyController = host->ipsecConfig->keyController();
+    keyController.holdTime = 600;
+    host->ipsecConfig->keyControllerIs(keyController);
+    establish(peer_);
+    run(130);  // Past the delay after the first peer.
+    (void)log_.take();
+  }
+  void connectedIs(bool connected) { host->controllerStatus->connectedIs(connected); }
+  bool holding() const { return dhRekey().isHoldTimerRunning(); }
+  /// Has the key fall due at once; its lifetime is 300 s from here on.
+  void makeKeyDue() {
+    run(300);
+    host->ipsecStatus->testKnob()->dhExpiryTimeIs(seconds(300));
+    run(61);
+  }
+
+  const FakePeer peer_ = makePeer(2);
+  LogCapture log_;
+};
+
+TEST_F(HoldTimerTest, ALossThatEndsInTimeCostsNothing) {
+  const Bytes key = host->ipsecLocalKeyDir->dhKey();
+  connectedIs(false);
+  EXPECT_THAT(log_.take(), ElementsAre(kPaused));
+  EXPECT_TRUE(holding());
+  run(599.9);
+  connectedIs(true);
+  EXPECT_THAT(log_.take(), ElementsAre(kResumed));
+  EXPECT_FALSE(holding());
+  run(100);
+  EXPECT_EQ(host->ipsecLocalKeyDir->dhKey(), key);
+  EXPECT_EQ(sm->lostConnectionToPfs(), 1U);
+  EXPECT_EQ(sm->restoredConnectionToPfs(), 1U);
+}
+
+TEST_F(HoldTimerTest, ALossThatOutlastsItEndsWithANewKey) {
+  const Bytes key = host->ipsecLocalKeyDir->dhKey();
+  connectedIs(false);
+  run(600.1);
+  EXPECT_THAT(log_.take(), ElementsAre(kPaused, kExpired));
+  EXPECT_FALSE(holding());
+  EXPECT_EQ(host->ipsecLocalKeyDir->dhKey(), key);
+  connectedIs(true);
+  run(0);
+  EXPECT_THAT(log_.take(), ElementsAre(kResumed));
+  EXPECT_NE(host->ipsecLocalKeyDir->dhKey(), key);
+  EXPECT_EQ(host->ipsecLocalKeyDir->rekeyCounter(), 0U);
+}
+
+TEST_F(HoldTimerTest, ARekeyThatFallsDueWaitsForTheEndOfTheHold) {
+  for (const bool restored : {true, false}) {
+    SCOPED_TRACE(restored);
+    connectedIs(false);
+    makeKeyDue();
+    EXPECT_TRUE(dhRekey().needDhRekey());
+    EXPECT_EQ(dhRekey().dhRekeyState(), DhRekeyState::notRekeying);
+    restored ? connectedIs(true) : run(600 - 361);
+    EXPECT_FALSE(dhRekey().needDhRekey());
+    run(0.9);
+    EXPECT_EQ(dhRekey().dhRekeyState(), DhRekeyState::notRekeying);
+    run(0.2);
+    EXPECT_EQ(dhRekey().dhRekeyState(), DhRekeyState::initiated);
+    host->ipsecStatus->testKnob()->dhExpiryTimeIs(std::nullopt);
+    installSas();
+    run(70);
+    EXPECT_EQ(dhRekey().dhRekeyState(), DhRekeyState::inProgress);
+    dhRekey().setLocalDhState(host->ipsecLocalKeyDir->rekeyCounter(), DhRekeyState::notRekeying);
+    (void)log_.take();
+  }
+}
+
+TEST_F(HoldTimerTest, LossesAndChangesInQuickSuccession) {
+  connectedIs(false);
+  connectedIs(true);
+  connectedIs(false);  // All within one instant: the last word counts.
+  EXPECT_THAT(log_.take(), ElementsAre(kPaused, kResumed, kPaused));
+  EXPECT_TRUE(holding());
+  EXPECT_EQ(sm->lostConnectionToPfs(), 2U);
+
+  auto changed = host->ipsecConfig->keyController();
+  changed.dhKeyLifetime = 7200;
+  host->ipsecConfig->keyControllerIs(changed);
+  EXPECT_FALSE(holding()) << "a change of the settings during an outage ends the hold";
+  changed.holdTime = 0;
+  host->ipsecConfig->keyControllerIs(changed);
+  connectedIs(true);
+  connectedIs(false);
+  EXPECT_FALSE(holding()) << "no hold time";
+}
+
+}  // namespace
+}  // namespace tessel::Ipsec
