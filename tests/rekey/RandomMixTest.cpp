@@ -1,5 +1,4 @@
 // A mesh in which everything happens to everyone, and which has to come to rest all the same.
-#include <cstdlib>
 #include <random>
 
 #include <gtest/gtest.h>
@@ -7,6 +6,7 @@
 #include "lab/run/Lab.h"
 #include "lab/run/Mesh.h"
 #include "sm/DhRekey.h"
+#include "tests/rekey/Seeds.h"
 
 namespace tessel::lab {
 namespace {
@@ -94,14 +94,8 @@ class RandomMix {
   Lab lab_;
 };
 
-/// TESSEL_MIX_SEEDS widens the range; the figure for every day keeps the suite quick.
-uint64_t seedsToRun() {
-  const char* text = std::getenv("TESSEL_MIX_SEEDS");
-  return text == nullptr ? 8 : std::strtoull(text, nullptr, 10);
-}
-
 TEST(RandomMix, ComesToRest) {
-  for (uint64_t seed = 1; seed <= seedsToRun(); ++seed) {
+  for (uint64_t seed = 1; seed <= test::seedsToRun(8); ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     RandomMix mix(seed);
     mix.run();

@@ -54,161 +54,77 @@ TEST_F(DhRekeyTest, TheRoleFollowsFromWhichGenerationsAreTheNewest) {
   }
 }
 
-TEST_F(DhRekeyTest, AnOutSaIsInstalledForTheNewestGenerationAlone) {
-  const struct {
-    const char* what;
-    DhKeyPair inSa;                 // Whose out-SA is asked for.
-    DhKeyPair current;              // Of the out-SA in use.
-    std::vector<DhKeyPair> crypto;  // With one in-SA each, but for `missing`.
-    std::optional<DhKeyPair> missing;
-    uint64_t local;      // Published.
-    uint64_t published;  // By the peer.
-    std::optional<DhKeyPair> installed;
-    DynamicPathState state;
-  } rows[] = {{"old in-SA", {3, 4}, {4, 4}, {{3, 4}, {4, 5}}, {}, 4, 5, {}, DynamicPathState::idle},
-              {"out-SA of no latest generation",
-               {3, 6},
-               {4, 5},
-               {{3, 6}, {5, 5}},
-               {},
-               5,
-               6,
-               {},
-               DynamicPathState::idle},
-              {"latest one is in use",
-               {3, 5},
-               {4, 5},
-               {{3, 5}, {4, 5}},
-               {},
-               4,
-               5,
-               {},
-               DynamicPathState::idle},
-              {"out-SA in use is ahead",
-               {3, 5},
-               {4, 6},
-               {{3, 5}, {4, 5}},
-               {},
-               4,
-               5,
-               {},
-               DynamicPathState::idle},
-              {"hands over to the latest",
-               {3, 5},
-               {4, 4},
-               {{3, 5}, {4, 5}},
-               {},
-               4,
-               5,
-               DhKeyPair{4, 5},
-               DynamicPathState::dhLatestOutSaInstalling},
-              {"hands over across two generations",
-               {3, 6},
-               {4, 4},
-               {{3, 6}, {4, 6}},
-               {},
-               4,
-               6,
-               DhKeyPair{4, 6},
-               DynamicPathState::dhLatestOutSaInstalling},
-              {"nothing to hand over to",
-               {3, 5},
-               {4, 4},
-               {{3, 5}, {4, 5}},
-               DhKeyPair{4, 5},
-               4,
-               5,
-               {},
-               DynamicPathState::idle},
-              {"same local, older peer key",
-               {4, 4},
-               {4, 4},
-               {{4, 4}, {4, 5}},
-               {},
-               4,
-               5,
-               {},
-               DynamicPathState::idle},
-              {"same local, newest peer key",
-               {4, 5},
-               {4, 4},
-               {{4, 5}},
-               {},
-               4,
-               5,
-               DhKeyPair{4, 5},
-               DynamicPathState::idle},
-              {"newer local, latest",
-               {5, 5},
-               {4, 5},
-               {{4, 5}, {5, 5}},
-               {},
-               5,
-               5,
-               DhKeyPair{5, 5},
-               DynamicPathState::idle},
-              {"newer local, not the latest",
-               {5, 5},
-               {4, 5},
-               {{5, 5}, {5, 6}},
-               {},
-               5,
-               6,
-               DhKeyPair{5, 6},
-               DynamicPathState::idle},
-              {"newer local, latest has no in-SA",
-               {5, 5},
-               {4, 5},
-               {{5, 5}, {5, 6}},
-               DhKeyPair{5, 6},
-               5,
-               6,
-               {},
-               DynamicPathState::idle},
-              {"newer local, not published",
-               {5, 5},
-               {4, 5},
-               {{4, 5}, {5, 5}},
-               {},
-               4,
-               5,
-               {},
-               DynamicPathState::idle}};
-  FakePeer peer = makePeer(2);
-  const ConnectionKey key = establish(peer);
-  const Ike::CryptoInfo info = state(peer)->dhCryptoInfo(DhKeyPair{0, 0})->cryptoInfo();
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.what);
-    for (const auto& [saKey, saInfo] : path(key)->pathConnSaInfo()) {
-      sm->securityAssociations().doDeleteSA(saInfo->sa(), path(key));
+/// One path whose in-SAs and out-SA in use are of any generations.
+class DhRekeyOutSaTest : public DhRekeyTest {
+ protected:
+  using Pair = DhKeyPair;
+
+  DhRekeyOutSaTest() : key_(establish(peer_)) {
+    info_ = state(peer_)->dhCryptoInfo(Pair{0, 0})->cryptoInfo();
+  }
+
+  /// The pair and path state that come of asking for the out-SA of `asked` while `current` is in
+  /// use. There is crypto of `pairs`, each with its in-SA but for `missing`.
+  std::pair<std::optional<Pair>, DynamicPathState> installed(Pair asked, Pair current,
+                                                             const std::vector<Pair>& pairs,
+                                                             uint64_t local, uint64_t published,
+                                                             std::optional<Pair> missing = {}) {
+    for (const auto& [saKey, saInfo] : path(key_)->pathConnSaInfo()) {
+      sm->securityAssociations().doDeleteSA(saInfo->sa(), path(key_));
     }
-    state(peer)->dhCryptoInfoDelAll();
-    host->ipsecLocalKeyDir->rekeyCounterIs(row.local);
-    peer.record.rekeyCounter = row.published;
-    publish(peer);
-    for (const DhKeyPair& pair : row.crypto) {
-      Ike::CryptoInfo own = info;  // Every generation has SPIs of its own.
+    state(peer_)->dhCryptoInfoDelAll();
+    host->ipsecLocalKeyDir->rekeyCounterIs(local);
+    peer_.record.rekeyCounter = published;
+    publish(peer_);
+    for (const Pair& pair : pairs) {
+      Ike::CryptoInfo own = info_;  // Every generation has SPIs of its own.
       own.firstSpi += static_cast<uint32_t>(100 * pair.localRekeyCount + pair.peerRekeyCount);
       own.secondSpi += static_cast<uint32_t>(100 * pair.localRekeyCount + pair.peerRekeyCount);
-      state(peer)->dhCryptoInfoIs(pair)->cryptoInfoIs(own);
-      if (pair != row.missing) {
+      state(peer_)->dhCryptoInfoIs(pair)->cryptoInfoIs(own);
+      if (pair != missing) {
         sm->securityAssociations().doCreateIpsecControllerSAs(
-            key, pair, profileName, path(key)->reqid(), SaType::dhRekeyIn);
+            key_, pair, profileName, path(key_)->reqid(), SaType::dhRekeyIn);
       }
     }
-    const Ptr<RekeySm> rekeySm = sm->paths().rekeySm(key);
-    const auto inSa = rekeySm->getSaFromDhKeyPairAndType(row.inSa, SaType::dhRekeyIn);
-    ASSERT_TRUE(inSa);
-    path(key)->curOutSaDhKeyPairIs(row.current);
-    path(key)->pathStateIs(DynamicPathState::idle);
-    rekeySm->installDhRekeyOutSa(inSa->sakey());
-    std::optional<DhKeyPair> installed;
-    if (const auto outSa = sa(key, SaType::dhRekeyOut)) {
-      installed = outSa->dhKeyPair();
-    }
-    EXPECT_EQ(installed, row.installed);
-    EXPECT_EQ(path(key)->pathState(), row.state);
+    const Ptr<RekeySm> rekeySm = sm->paths().rekeySm(key_);
+    path(key_)->curOutSaDhKeyPairIs(current);
+    path(key_)->pathStateIs(DynamicPathState::idle);
+    rekeySm->installDhRekeyOutSa(
+        rekeySm->getSaFromDhKeyPairAndType(asked, SaType::dhRekeyIn)->sakey());
+    const auto outSa = sa(key_, SaType::dhRekeyOut);
+    return {outSa ? std::optional(outSa->dhKeyPair()) : std::nullopt, path(key_)->pathState()};
   }
+
+  FakePeer peer_ = makePeer(2);
+  const ConnectionKey key_;
+  Ike::CryptoInfo info_;
+};
+
+TEST_F(DhRekeyOutSaTest, IsInstalledForTheNewestGenerationAlone) {
+  const auto of = [](Pair pair, DynamicPathState state = DynamicPathState::idle) {
+    return std::pair(std::optional(pair), state);
+  };
+  const std::pair nothing(std::optional<Pair>(), DynamicPathState::idle);
+  constexpr auto handedOver = DynamicPathState::dhLatestOutSaInstalling;
+  // An in-SA of an older local generation than the out-SA in use: an old one, one while neither is
+  // the latest, one while the latest is in use already, one while something newer is.
+  EXPECT_EQ(installed({3, 4}, {4, 4}, {{3, 4}, {4, 5}}, 4, 5), nothing);
+  EXPECT_EQ(installed({3, 6}, {4, 5}, {{3, 6}, {5, 5}}, 5, 6), nothing);
+  EXPECT_EQ(installed({3, 5}, {4, 5}, {{3, 5}, {4, 5}}, 4, 5), nothing);
+  EXPECT_EQ(installed({3, 5}, {4, 6}, {{3, 5}, {4, 5}}, 4, 5), nothing);
+  // It hands over to the latest one, across several generations too, when that has an in-SA.
+  EXPECT_EQ(installed({3, 5}, {4, 4}, {{3, 5}, {4, 5}}, 4, 5), of({4, 5}, handedOver));
+  EXPECT_EQ(installed({3, 6}, {4, 4}, {{3, 6}, {4, 6}}, 4, 6), of({4, 6}, handedOver));
+  EXPECT_EQ(installed({3, 5}, {4, 4}, {{3, 5}, {4, 5}}, 4, 5, Pair{4, 5}), nothing);
+  // The same local generation: an older and the newest key of the peer.
+  EXPECT_EQ(installed({4, 4}, {4, 4}, {{4, 4}, {4, 5}}, 4, 5), nothing);
+  EXPECT_EQ(installed({4, 5}, {4, 4}, {{4, 5}}, 4, 5), of({4, 5}));
+  // A newer local generation: the latest pair, another one with and without an in-SA of the latest,
+  // one that is not published.
+  EXPECT_EQ(installed({5, 5}, {4, 5}, {{4, 5}, {5, 5}}, 5, 5), of({5, 5}));
+  EXPECT_EQ(installed({5, 5}, {4, 5}, {{5, 5}, {5, 6}}, 5, 6), of({5, 6}));
+  EXPECT_EQ(installed({5, 5}, {4, 5}, {{5, 5}, {5, 6}}, 5, 6, Pair{5, 6}), nothing);
+  EXPECT_EQ(installed({5, 5}, {4, 5}, {{4, 5}, {5, 5}}, 4, 5), nothing);
 }
 
 /// What the operator reads, in order.
