@@ -250,6 +250,12 @@ void SaRekey::maybeRekeySa(const SecurityAssociationKey& saKey) {
   }
 
   rekeySm->setSaRekeyNonce(saKey);
+  if (path->saLocalNonce().nonceValue == 0) {
+    // The generator failed and there is no earlier nonce. The peer would derive from 0, and this
+    // side from the nonce that it draws when the answer comes: a later sweep tries again.
+    TRACE("Not initiating a rekey without a nonce", saKey);
+    return;
+  }
   rekeySm->setSaSmState(SmState::initiator);
   sa->nonceIs(htonl(nonceWord(NonceType::initiator, path->saLocalNonce().nonceValue)));
   sa->rekeyIs(true);
