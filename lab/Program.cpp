@@ -12,6 +12,7 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "lab/check/Invariants.h"
 #include "lab/report/JsonReport.h"
 #include "lab/report/Narrator.h"
 #include "lab/report/TextReport.h"
@@ -56,24 +57,29 @@ class Program {
     scenario->seed = options.seed.value_or(scenario->seed);
 
     Narrator narrator(*scenario, [this](std::string_view line) { out_ << line; });
-    std::vector<LabObserver*> observers;
+    Invariants invariants;
+    std::vector<LabObserver*> observers{&invariants};
     if (!options.quiet) {
       observers.push_back(&narrator);
       out_ << fmt::format("{}, seed {}\n\n", scenario->name, scenario->seed);
     }
     Lab lab(std::move(*scenario), observers);
     lab.tracingIs(options.trace);
+    invariants.start(lab);
     lab.finish();
 
     if (!options.quiet) {
       out_ << routerTables(lab) << trafficTable(lab) << "\n";
+    }
+    for (const Violation& violation : invariants.violations()) {
+      out_ << "invariant violated: " << stringValue(violation) << "\n";
     }
     out_ << verdictText(lab);
     if (json.is_open() && !(json << jsonReport(lab)).flush()) {
       complain(options.jsonFile, " cannot be written");
       return badInput;
     }
-    return lab.held() ? held : notHeld;
+    return lab.held() && invariants.violations().empty() ? held : notHeld;
   }
 
   int check(const Options& options) {

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "lab/check/Invariants.h"
 #include "lab/run/Lab.h"
 #include "lab/run/Mesh.h"
 #include "sm/DhRekey.h"
@@ -32,7 +33,10 @@ class RandomMix {
                            .routers = {"a", "b", "c"},
                            .pathsPerPair = 2,
                            .settings = {.dhKeyLifetime = 7 * 86400},
-                           .trafficInterval = seconds(1)})) {}
+                           .trafficInterval = seconds(1)}),
+             {&invariants_}) {
+    invariants_.start(lab_);
+  }
 
   void run() {
     lab_.run(seconds(240));
@@ -46,6 +50,9 @@ class RandomMix {
   }
 
   std::string verdict() {
+    if (!invariants_.violations().empty()) {
+      return stringValue(invariants_.violations().front());
+    }
     for (const auto& router : lab_.routers()) {
       const DhRekeyState state = router->machine().dhRekey().dhRekeyState();
       if (state != DhRekeyState::notRekeying) {
@@ -91,6 +98,7 @@ class RandomMix {
   }
 
   std::mt19937_64 random_;
+  Invariants invariants_;
   Lab lab_;
 };
 
