@@ -117,7 +117,7 @@ class Ecp:
         self.generator = (gx, gy)
         self.part_len = (prime.bit_length() + 7) // 8
         self.private_len = self.part_len
-        assert self.is_on_curve(self.generator) and self.multiply(self.generator, order) is None
+        assert self.is_on_curve(self.generator) and self.multiply(self.generator, self.order) is None
 
     def is_on_curve(self, point):
         x, y = point

@@ -18,13 +18,17 @@ class DhRekeyTest : public MachineTest {
 TEST_F(DhRekeyTest, EveryPathStateIsMarkedForItsRole) {
   const FakePeer peer = makePeer(2);
   const ConnectionKey key = establish(peer);
+  const ConnectionKey other = establish(makePeer(3), 2);  // Of another peer.
   const auto in = [](int number, int from, int to) { return from <= number && number <= to; };
   for (int number = 0; number < 32; ++number) {
     SCOPED_TRACE(number);
     const auto markedFrom = [&](bool initiator) {
       path(key)->pathStateIs(static_cast<DynamicPathState>(number));
+      path(other)->pathStateIs(DynamicPathState::active);
       initiator ? dhRekey().markPathsAsDhRekeyInitiated()
                 : dhRekey().markPathsAsDhRekeyResponder(peer.address);
+      EXPECT_EQ(path(other)->pathState(),
+                initiator ? DynamicPathState::dhInitiatorMarked : DynamicPathState::active);
       return static_cast<int>(path(key)->pathState());
     };
     const bool quiet = in(number, 1, 3) || in(number, 17, 28);
@@ -109,7 +113,7 @@ TEST_F(DhRekeyOutSaTest, IsInstalledForTheNewestGenerationAlone) {
   // An in-SA of an older local generation than the out-SA in use: an old one, one while neither is
   // the latest, one while the latest is in use already, one while something newer is.
   EXPECT_EQ(installed({3, 4}, {4, 4}, {{3, 4}, {4, 5}}, 4, 5), nothing);
-  EXPECT_EQ(installed({3, 6}, {4, 5}, {{3, 6}, {5, 5}}, 5, 6), nothing);
+  EXPECT_EQ(installed({3, 6}, {4, 4}, {{3, 6}, {5, 5}}, 5, 6), nothing);
   EXPECT_EQ(installed({3, 5}, {4, 5}, {{3, 5}, {4, 5}}, 4, 5), nothing);
   EXPECT_EQ(installed({3, 5}, {4, 6}, {{3, 5}, {4, 5}}, 4, 5), nothing);
   // It hands over to the latest one, across several generations too, when that has an in-SA.
@@ -125,6 +129,9 @@ TEST_F(DhRekeyOutSaTest, IsInstalledForTheNewestGenerationAlone) {
   EXPECT_EQ(installed({5, 5}, {4, 5}, {{5, 5}, {5, 6}}, 5, 6), of({5, 6}));
   EXPECT_EQ(installed({5, 5}, {4, 5}, {{5, 5}, {5, 6}}, 5, 6, Pair{5, 6}), nothing);
   EXPECT_EQ(installed({5, 5}, {4, 5}, {{4, 5}, {5, 5}}, 4, 5), nothing);
+  // The latest pair is of a key that the peer cannot know yet; two pairs are the latest.
+  EXPECT_EQ(installed({5, 5}, {4, 5}, {{5, 5}, {6, 5}}, 5, 5), of({5, 5}));
+  EXPECT_EQ(installed({4, 5}, {4, 4}, {{4, 5}, {5, 4}}, 4, 5), nothing);
 }
 
 /// What the operator reads, in order.
