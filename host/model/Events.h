@@ -1,8 +1,10 @@
 // RecordEvents: the bounded event logs, per router, peer, path and SA.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/entity/Entity.h"
@@ -16,14 +18,65 @@ namespace IpsecCommon {
 class TesselV1;
 }
 
+/// The name of every event that the machine records, sorted.
+inline constexpr std::string_view kEventNames[] = {"clearPath",
+                                                   "createControllerSA",
+                                                   "createControllerSAs",
+                                                   "createPeerKeyInfo",
+                                                   "deleteControllerSAs",
+                                                   "deleteOldCryptoInfos",
+                                                   "deleteOldLocalKeys",
+                                                   "deletePeerKeyInfo",
+                                                   "deletePeerSAs",
+                                                   "deleteSA",
+                                                   "destroyDhKey",
+                                                   "destroyPath",
+                                                   "dhRekeyInProgress",
+                                                   "dhRekeyInSaInstalled",
+                                                   "dhRekeyInitiated",
+                                                   "dhRekeyNotRekeying",
+                                                   "establishPath",
+                                                   "fillPathConnSaInfo",
+                                                   "firstDhExchange",
+                                                   "generateCryptoKeys",
+                                                   "generateDhKey",
+                                                   "generateLocalKeyInfo",
+                                                   "generateOrDestroyDhKey",
+                                                   "generatePeerCryptoInfo",
+                                                   "handleIpsecPeerKeyInfo",
+                                                   "handleKeyController",
+                                                   "handlePath",
+                                                   "handlePeerNonce",
+                                                   "handlePeerNonceType",
+                                                   "handlePktsPresent",
+                                                   "handleProfile",
+                                                   "handleRouterId",
+                                                   "handleSaInstalled",
+                                                   "initiatorDhRekey",
+                                                   "installDhRekeyOutSa",
+                                                   "installRekeySa",
+                                                   "markPathsAsDhRekeyInitiated",
+                                                   "markPathsAsDhRekeyResponder",
+                                                   "markRekeyComplete",
+                                                   "maybeRekeySa",
+                                                   "prunePath",
+                                                   "responderDhRekey",
+                                                   "updateAppliedProfile",
+                                                   "updateNonceForPeer",
+                                                   "updateRouterId"};
+
 /// The name of an event: text that lives as long as the process, since logs outlive what wrote
 /// them.
 class EventName {
  public:
   constexpr EventName() = default;
-  /// From a string literal.
+  /// From a string literal; one that is not listed does not compile.
   template <size_t N>
-  consteval EventName(const char (&text)[N]) : text_(text) {}
+  consteval EventName(const char (&text)[N]) : text_(text) {
+    if (!std::ranges::binary_search(kEventNames, std::string_view(text))) {
+      throw "not one of kEventNames";
+    }
+  }
   constexpr const char* text() const { return text_; }
   std::string string() const { return text_; }
 

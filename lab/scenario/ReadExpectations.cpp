@@ -193,7 +193,9 @@ ExpectedFact readCounter(MapReader& map) {
 ExpectedFact readEvents(MapReader& map) {
   ExpectEvents fact;
   readPathAndEnd(map, Need::optional, fact.path, "router", fact.router);
-  readRequired(map, "name", fact.event);
+  map.require("name");
+  readListedName(map, "name", "an event of the machine",
+                 {std::begin(kEventNames), std::end(kEventNames)}, fact.event);
   readBounds(map, std::nullopt, fact.bounds);
   return fact;
 }

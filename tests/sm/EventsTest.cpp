@@ -20,7 +20,7 @@ TEST_F(EventsTest, ARingKeepsTheLatest) {
     host->recordEvents->maxEventRecordIs(row.capacity);
     for (uint64_t number = 1; number <= row.recorded; ++number) {
       run(1);
-      sm->events().recordLocalEvent("event", number);
+      sm->events().recordLocalEvent("generateDhKey", number);
       host->recordEvents->maxEventRecordIs(row.capacity + 1);  // Read once, when the log is made.
     }
     const LocalEventLog& log = *host->recordEvents->localEvents();
@@ -53,9 +53,9 @@ TEST_F(EventsTest, EveryLogHasItsFieldsAndPathsAreFoundByName) {
   const SecurityAssociationKey saKey = sa(key, SaType::steadyOut)->sakey();
   sm->paths().setPathState(path(key), DynamicPathState::active);
   (void)events.take();
-  sm->events().recordPathEvent("mine", key, {3, 4});
-  sm->events().recordSaEvent("mine", saKey, key);
-  EXPECT_THAT(events.take(), ElementsAre("path 1 mine active(3)", "sa mine"));
+  sm->events().recordPathEvent("handlePath", key, {3, 4});
+  sm->events().recordSaEvent("deleteSA", saKey, key);
+  EXPECT_THAT(events.take(), ElementsAre("path 1 handlePath active(3)", "sa deleteSA"));
   EXPECT_EQ((*logs.pathEvents().find(key))->inOrder().back().dhKeyPair, (DhKeyPair{3, 4}));
   const SaEvent ofSa = (*logs.saEvents().find(saKey))->inOrder().back();
   EXPECT_EQ(ofSa.spi, saKey.spi);
@@ -71,8 +71,8 @@ TEST_F(EventsTest, EveryLogHasItsFieldsAndPathsAreFoundByName) {
   const ConnectionKey bare = pathKey(9);
   for (const char* reason : {"pathStatus not found.", "pathConnState not found"}) {
     TraceCapture traces;
-    sm->events().recordPathEvent("lost", bare, pair);
-    sm->events().recordSaEvent("lost", saKey, bare);
+    sm->events().recordPathEvent("prunePath", bare, pair);
+    sm->events().recordSaEvent("deleteSA", saKey, bare);
     EXPECT_TRUE(traces.has(reason));
     EXPECT_THAT(events.take(), IsEmpty());
     host->ipsecPathStatusDir->ipsecPathStatusIs(bare)->remoteIpIs(peer.address);
