@@ -1,26 +1,26 @@
 #!/usr/bin/env python3
-"""Independent calculation of the key derivation between two routers, "east" and "west".
+# Independent calculation of the key derivation between two routers, "east" and "west".
+#
+#     crypto_info.py          prints the JSON document that is kept as tests/vectors/crypto_info.json
+#     crypto_info.py --check  compares with the kept document; exit status 1 when they differ
+#
+# Everything is done with plain integers, hashlib and hmac, from the formulas of the RFCs: no group
+# parameter and no code is shared with the program under test. All keys come from fixed labels.
+#
+# The document (byte strings are hex; lengths that end in Len are bits):
+#
+#   groups[]      group, acceptedKeys[] and refusedKeys[] of {what, key}: public keys as a peer might
+#                 send them to east of the agreement "group <n>"
+#   agreements[]  name, group, east and west {privateKey, publicKey}, sharedSecret; three per group: one
+#                 ordinary, two with leading zeros, in the secret and in east's public key
+#   cases[]       agreement (its name), eastNonce, westNonce, initiator, sas ("peer": the nonces are those
+#                 of the key generations and decide the initiator; "path": those of an SA rekey, and the
+#                 initiator is given), encryptAlgo and hashAlgo (codes), fullNonce, seedKey, stream (all
+#                 that is read from prf+), and the CryptoInfo record of east and of west. A code that no
+#                 table has leaves the algorithm name as it was; the records take that to be empty.
+#   prfPlus[]     hashAlgorithm (code), key, seed, length in bytes of the whole stream (255 blocks), and
+#                 mac: prf(key, the whole stream), which stands for the bytes themselves
 
-    crypto_info.py          prints the JSON document that is kept as tests/vectors/crypto_info.json
-    crypto_info.py --check  compares with the kept document; exit status 1 when they differ
-
-Everything is done with plain integers, hashlib and hmac, from the formulas of the RFCs: no group
-parameter and no code is shared with the program under test. All keys come from fixed labels.
-
-The document (byte strings are hex; lengths that end in Len are bits):
-
-  groups[]      group, acceptedKeys[] and refusedKeys[] of {what, key}: public keys as a peer might
-                send them to east of the agreement "group <n>"
-  agreements[]  name, group, east and west {privateKey, publicKey}, sharedSecret; three per group: one
-                ordinary, two with leading zeros, in the secret and in east's public key
-  cases[]       agreement (its name), eastNonce, westNonce, initiator, sas ("peer": the nonces are those
-                of the key generations and decide the initiator; "path": those of an SA rekey, and the
-                initiator is given), encryptAlgo and hashAlgo (codes), fullNonce, seedKey, stream (all
-                that is read from prf+), and the CryptoInfo record of east and of west. A code that no
-                table has leaves the algorithm name as it was; the records take that to be empty.
-  prfPlus[]     hashAlgorithm (code), key, seed, length in bytes of the whole stream (255 blocks), and
-                mac: prf(key, the whole stream), which stands for the bytes themselves
-"""
 
 import hashlib
 import hmac

@@ -8,33 +8,17 @@
 #include "sm/DhRekey.h"
 #include "sm/LocalKey.h"
 #include "sm/PeerKeys.h"
-#include "tests/rekey/Seeds.h"
+#include "tests/rekey/Runs.h"
 
 namespace tessel::lab {
 namespace {
-
-/// What is wrong with a path at rest: not active, in a rekey, SAs other than one steady pair whose
-/// SPIs and keys are those of the other end.
-std::string whyNotSteady(const PathView& end, const PathView& other) {
-  const auto in = end.sas(SaType::steadyIn);
-  const auto out = other.sas(SaType::steadyOut);
-  if (end.state() != DynamicPathState::active || end.saSmState() != SmState::idle) {
-    return stringValue(end.state()) + " " + stringValue(end.saSmState());
-  }
-  if (end.sas().size() != 2 || in.size() != 1 || out.size() != 1) {
-    return std::to_string(end.sas().size()) + " SAs";
-  }
-  return in[0]->sakey().spi == out[0]->sakey().spi && in[0]->cryptoKey() == out[0]->cryptoKey()
-             ? ""
-             : "the ends differ";
-}
 
 void expectAllSteady(const Lab& lab, const std::string& except = {}) {
   for (const PathPlan& path : lab.scenario().paths) {
     for (const int end : {0, 1}) {
       if (path.name != except) {
-        EXPECT_EQ(whyNotSteady(lab.router(path.ends[end].router).pathView(path.name),
-                               lab.router(path.ends[1 - end].router).pathView(path.name)),
+        EXPECT_EQ(test::whyNotSteady(lab.router(path.ends[end].router).pathView(path.name),
+                                     lab.router(path.ends[1 - end].router).pathView(path.name)),
                   "")
             << path.name << " at " << path.ends[end].router;
       }

@@ -7,21 +7,10 @@
 #include "lab/run/Lab.h"
 #include "lab/run/Mesh.h"
 #include "sm/DhRekey.h"
-#include "tests/rekey/Seeds.h"
+#include "tests/rekey/Runs.h"
 
 namespace tessel::lab {
 namespace {
-
-/// Why an end of a path is not at rest: active, no rekey, one in-SA with the other end's SPI.
-std::string whyNotAtRest(const PathView& end, const PathView& other) {
-  if (end.state() != DynamicPathState::active) {
-    return "state " + stringValue(end.state());
-  }
-  if (end.saSmState() != SmState::idle) {
-    return "saSmState " + stringValue(end.saSmState());
-  }
-  return end.inSpi() == 0 || end.inSpi() != other.outSpi() ? "SPIs are not crossed" : "";
-}
 
 /// An event every 40 s for an hour, then 40 minutes of quiet.
 class RandomMix {
@@ -63,8 +52,8 @@ class RandomMix {
       for (const int end : {0, 1}) {
         const std::string& router = path.ends[end].router;
         const std::string why =
-            whyNotAtRest(lab_.router(router).pathView(path.name),
-                         lab_.router(path.ends[1 - end].router).pathView(path.name));
+            test::whyNotSteady(lab_.router(router).pathView(path.name),
+                               lab_.router(path.ends[1 - end].router).pathView(path.name));
         if (!why.empty()) {
           return path.name + " at " + router + ": " + why;
         }
