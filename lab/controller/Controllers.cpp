@@ -299,10 +299,10 @@ void Controllers::takeRecord(Member& originator) {
 
 void Controllers::store(Member& originator, const IpGenAddr& address, Record record) {
   Entry& entry = directory_.emplace(address).first;
+  entry.originator = &originator;
   if (!record && !entry.record) {
     return;
   }
-  entry.originator = &originator;
   entry.record = std::move(record);
   if (observer_ != nullptr) {
     observer_->handlePublished(originator.name_, entry.record.get());

@@ -32,6 +32,7 @@ Router::Router(const RouterPlan& plan, uint32_t index, Ptr<VirtualTime> time,
       observer_(observer),
       settings_(plan.settings),
       routerId_(plan.routerId),
+      vtepAddress_(plan.routerId),
       appliedProfile_(plan.settings.profile.name) {
   controllers_.routerIs(name_, settings_.controllerDelay);
 }
@@ -172,7 +173,7 @@ void Router::bringUp() {
                       .table = entities.tesselV1,
                       .ipsecStatus = entities.ipsecStatus,
                       .counterTable = entities.ipsecCounterTable,
-                      .localAddress = routerId_},
+                      .localAddress = vtepAddress_},
       [this](const ConnectionKey& key, Bytes outer) {
         const RouterPath& path = *this->path(key);
         path.link->send(path.linkEnd, std::move(outer));

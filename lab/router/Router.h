@@ -89,7 +89,13 @@ class Router {
   RouterSettings& settings() { return settings_; }
   const RouterSettings& settings() const { return settings_; }
   const IpGenAddr& routerId() const { return routerId_; }
-  void routerIdIs(const IpGenAddr& routerId) { routerId_ = routerId; }
+  /// The VTEP interface keeps its address when the configuration names none.
+  void routerIdIs(const IpGenAddr& routerId) {
+    routerId_ = routerId;
+    if (!routerId.isUnspecified()) {
+      vtepAddress_ = routerId;
+    }
+  }
   /// The profile that the key-controller settings name; empty: none.
   const std::string& appliedProfile() const { return appliedProfile_; }
   void appliedProfileIs(const std::string& profile) { appliedProfile_ = profile; }
@@ -159,6 +165,7 @@ class Router {
 
   RouterSettings settings_;
   IpGenAddr routerId_;
+  IpGenAddr vtepAddress_;
   std::string appliedProfile_;
   std::vector<std::string> removedProfiles_;
   bool present_ = true;
