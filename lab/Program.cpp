@@ -13,6 +13,7 @@
 #include <fmt/format.h>
 
 #include "lab/check/Invariants.h"
+#include "lab/fuzz/FuzzCommand.h"
 #include "lab/report/JsonReport.h"
 #include "lab/report/Narrator.h"
 #include "lab/report/TextReport.h"
@@ -117,6 +118,34 @@ class Program {
   std::ostream& err_;
 };
 
+/// "a..b", or "n" for exactly that.
+std::string readRouters(const std::string& text, FuzzRange& range) {
+  const size_t dots = text.find("..");
+  const std::string most = dots == std::string::npos ? text : text.substr(dots + 2);
+  if (!CLI::detail::lexical_cast(text.substr(0, dots), range.minRouters) ||
+      !CLI::detail::lexical_cast(most, range.maxRouters) || range.minRouters < 2 ||
+      range.maxRouters > kMostFuzzRouters || range.minRouters > range.maxRouters) {
+    return fmt::format("\"{}\" is no range like 2..{}", text, kMostFuzzRouters);
+  }
+  return {};
+}
+
+void addFuzzOptions(CLI::App& fuzz, FuzzOptions& options) {
+  FuzzRange& range = options.range;
+  fuzz.add_option("--seeds", options.seeds, "How many")->required()->check(CLI::PositiveNumber);
+  fuzz.add_option("--from", options.from, "The first seed")->capture_default_str();
+  fuzz.add_option("--jobs", options.jobs, "Runs at a time; by default one per processor")
+      ->check(CLI::PositiveNumber);
+  fuzz.add_option_function<std::string>("--routers", [](const std::string&) {})
+      ->description("Routers of a mesh, at least and at most (default 2..16)")
+      ->type_name("A..B")
+      ->check([&range](const std::string& text) { return readRouters(text, range); });
+  fuzz.add_option_function<double>(
+          "--hours", [&range](double hours) { range.duration = seconds(hours * 3600); },
+          "Virtual time of a run (default 2)")
+      ->check(CLI::Range(kShortestFuzzRun.seconds() / 3600, 8784.0));
+}
+
 }  // namespace
 
 int runProgram(std::vector<std::string> args, std::ostream& out, std::ostream& err) {
@@ -138,9 +167,17 @@ int runProgram(std::vector<std::string> args, std::ostream& out, std::ostream& e
       *app.add_subcommand("check", "Say what is wrong with a scenario, and show its timers.");
   check.add_option("file", options.file, "Scenario (YAML), see docs/lab.md")->required();
 
+  CLI::App& fuzz = *app.add_subcommand(
+      "fuzz", "Play drawn meshes in which everything goes wrong, and check what must hold.");
+  FuzzOptions fuzzing;
+  addFuzzOptions(fuzz, fuzzing);
+
   try {
     std::ranges::reverse(args);  // The parser takes them from the back.
     app.parse(std::move(args));
+    if (fuzz.parsed()) {
+      return runFuzz(fuzzing, out, err) ? held : notHeld;
+    }
     Program program(out, err);
     return run.parsed() ? program.run(options) : program.check(options);
   } catch (const CLI::ParseError& error) {

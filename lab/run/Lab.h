@@ -64,6 +64,7 @@ class Lab {
   Traffic& traffic() { return *traffic_; }
   const Traffic& traffic() const { return *traffic_; }
   LabRandom& random() { return *random_; }
+  const LabRandom& random() const { return *random_; }
 
   /// Lets time run, with everything that falls due up to and at its end, timeline and expectations
   /// included.

@@ -37,6 +37,14 @@ void LabRandom::failNext(const std::string& router, FailGeneration::What what, u
                                      .times = times};
 }
 
+uint64_t LabRandom::stateHash() const {
+  uint64_t hash = seed_;
+  for (const auto& [drawer, stream] : streams_) {
+    hash = streamSeed(hash, drawer) + stream->stateHash();
+  }
+  return hash;
+}
+
 bool LabRandom::fails(const std::string& drawer, size_t length) {
   Failures* failures = failures_.find(drawer);
   if (failures == nullptr || failures->length != length || failures->times == 0) {

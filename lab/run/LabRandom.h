@@ -26,6 +26,9 @@ class LabRandom final : public RandomSource {
   void failNext(const std::string& router, FailGeneration::What what, uint32_t times,
                 size_t privateKeyLen);
 
+  /// Digest of the states of all streams.
+  uint64_t stateHash() const;
+
  private:
   struct Failures {
     size_t length = 0;  ///< Of the draws that fail.

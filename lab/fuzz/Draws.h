@@ -1,0 +1,29 @@
+// Draws: how values of a drawn case are spread.
+#pragma once
+
+#include <cmath>
+#include <cstddef>
+
+#include "host/model/Duration.h"
+#include "lab/net/LinkRandom.h"
+
+namespace tessel::lab {
+
+/// Spread evenly over the orders of magnitude from `low`, above 0, to `high`: small values are as
+/// likely as large ones. Exact to three digits, so that it survives being written and read.
+inline double drawBetween(LinkRandom& random, double low, double high) {
+  const double value = low * std::pow(high / low, random.uniform());
+  const double unit = std::pow(10, std::floor(std::log10(value)) - 2);
+  return std::round(value / unit) * unit;
+}
+
+inline Duration drawSpan(LinkRandom& random, double low, double high) {
+  return seconds(std::round(drawBetween(random, low, high) * 1000) / 1000);
+}
+
+template <class Members>
+const auto& drawOne(LinkRandom& random, const Members& members) {
+  return members[static_cast<size_t>(random.below(std::size(members)))];
+}
+
+}  // namespace tessel::lab

@@ -1,0 +1,187 @@
+#include "lab/fuzz/FuzzCommand.h"
+
+#include <chrono>
+#include <map>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "lab/fuzz/FuzzRun.h"
+#include "lab/fuzz/Workers.h"
+
+namespace tessel::lab {
+namespace {
+
+constexpr uint64_t kPlayedTwice = 20;  // One seed in so many.
+
+/// 1234567 as "1,234,567".
+std::string grouped(uint64_t value) {
+  if (value < 1000) {
+    return fmt::format("{}", value);
+  }
+  return fmt::format("{},{:03}", grouped(value / 1000), value % 1000);
+}
+
+class Fuzz {
+ public:
+  Fuzz(const FuzzOptions& options, std::ostream& out, std::ostream& err)
+      : options_(options), out_(out), err_(err) {}
+
+  bool run() {
+    std::vector<uint64_t> seeds;
+    for (uint64_t i = 0; i < options_.seeds; ++i) {
+      seeds.push_back(options_.from + i);
+      if (seeds.back() % kPlayedTwice == 0) {
+        seeds.push_back(seeds.back());
+      }
+    }
+    forEachInWorkers(
+        seeds, options_.jobs,
+        [this](uint64_t seed) { return outcomeText(playCase(drawCase(seed, options_.range))); },
+        [this](const WorkResult& result) { take(result); });
+    if (options_.progress) {
+      err_ << "\r\x1b[K" << std::flush;
+    }
+    report();
+    return failed_ == 0;
+  }
+
+ private:
+  void take(const WorkResult& result) {
+    FuzzOutcome outcome{.seed = result.item};
+    if (result.failure.empty()) {
+      outcome = readOutcome(result.text);
+    } else {
+      outcome.violations.push_back(
+          {.invariant = "ends-well", .at = {}, .where = "the lab", .what = result.failure});
+    }
+    const auto [first, added] = outcomes_.emplace(outcome.seed, outcome);
+    if (!added) {
+      ++playedTwice_;
+      if (first->second.digest != outcome.digest) {
+        first->second.violations.push_back({.invariant = "same-seed-same-run",
+                                            .at = outcome.played,
+                                            .where = "the run",
+                                            .what = "played again it was another one"});
+      }
+    }
+    if (options_.progress) {
+      showProgress();
+    }
+  }
+
+  void showProgress() {
+    FuzzOutcome sum = total();
+    err_ << fmt::format(
+                "\r\x1b[K{} of {} seeds, {:.0f} mesh-hours, {:.0f} x real time, {} packets, "
+                "{} rekeys",
+                outcomes_.size(), options_.seeds, sum.played.seconds() / 3600,
+                sum.played.seconds() / elapsed(), grouped(sum.packets),
+                grouped(sum.saRekeys + sum.dhRekeys))
+         << std::flush;
+  }
+
+  FuzzOutcome total() const {
+    FuzzOutcome sum;
+    for (const auto& [seed, outcome] : outcomes_) {
+      sum.played += outcome.played;
+      sum.restAfter = std::max(sum.restAfter, outcome.restAfter);
+      sum.restBound = std::max(sum.restBound, outcome.restBound);
+      sum.packets += outcome.packets;
+      sum.saRekeys += outcome.saRekeys;
+      sum.dhRekeys += outcome.dhRekeys;
+      sum.evaluated += outcome.evaluated;
+      sum.splitRoles += outcome.splitRoles;
+      sum.refusedPaths += outcome.refusedPaths;
+      sum.routersNoKey += outcome.routersNoKey;
+      for (size_t kind = 0; kind < kFaultKinds; ++kind) {
+        sum.faults[kind] += outcome.faults[kind];
+      }
+    }
+    return sum;
+  }
+
+  double elapsed() const {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begun_).count();
+  }
+
+  void report() {
+    for (const auto& [seed, outcome] : outcomes_) {
+      if (!outcome.held()) {
+        ++failed_;
+        reportFailure(outcome);
+      }
+    }
+    const FuzzOutcome sum = total();
+    out_ << fmt::format("{} seeds from {}, {} to {} routers, {:.4g} h each\n", outcomes_.size(),
+                        options_.from, options_.range.minRouters, options_.range.maxRouters,
+                        options_.range.duration.seconds() / 3600);
+    const auto line = [this](const char* name, const std::string& value) {
+      out_ << fmt::format("  {:<16} {}\n", name, value);
+    };
+    double routerHours = 0;
+    uint64_t digest = 0;
+    for (const auto& [seed, outcome] : outcomes_) {
+      routerHours += outcome.routers * outcome.played.seconds() / 3600;
+      digest = digest * 31 + outcome.digest;
+    }
+    line("mesh-hours",
+         fmt::format("{:.1f}; of routers {:.1f}", sum.played.seconds() / 3600, routerHours));
+    line("packets", grouped(sum.packets));
+    line("SA rekeys", grouped(sum.saRekeys));
+    line("DH rekeys", grouped(sum.dhRekeys));
+    line("faults", faultsText(sum));
+    line("invariants", grouped(sum.evaluated) + " times evaluated");
+    line("rest", fmt::format("at most {:.0f} s after the last fault, of {:.0f} s that it may take",
+                             sum.restAfter.seconds(), sum.restBound.seconds()));
+    line("limits",
+         fmt::format("{} pairs of routers with split roles, {} paths with a refused SA, {} "
+                     "routers without a key; see docs/limits.md",
+                     sum.splitRoles, sum.refusedPaths, sum.routersNoKey));
+    line("digest", fmt::format("{:016x}; {} seeds played twice", digest, playedTwice_));
+    out_ << (failed_ == 0 ? fmt::format("held: all {} seeds\n", outcomes_.size())
+                          : fmt::format("failed: {} of {} seeds\n", failed_, outcomes_.size()));
+    err_ << fmt::format("{:.0f} s, {:.0f} x real time\n", elapsed(),
+                        sum.played.seconds() / elapsed());
+  }
+
+  static std::string faultsText(const FuzzOutcome& sum) {
+    uint64_t all = 0;
+    std::string kinds;
+    for (size_t kind = 0; kind < kFaultKinds; ++kind) {
+      all += sum.faults[kind];
+      kinds += fmt::format("{}{} {}", kind == 0 ? "" : ", ",
+                           faultKindName(static_cast<FaultKind>(kind)), grouped(sum.faults[kind]));
+    }
+    return grouped(all) + ": " + kinds;
+  }
+
+  void reportFailure(const FuzzOutcome& outcome) {
+    out_ << fmt::format("seed {} failed\n", outcome.seed);
+    for (const Violation& violation : outcome.violations) {
+      out_ << "  " << stringValue(violation) << "\n";
+    }
+    out_ << fmt::format(
+        "  again: tessel-lab fuzz --seeds 1 --from {} --routers {}..{} --hours {}\n\n",
+        outcome.seed, options_.range.minRouters, options_.range.maxRouters,
+        options_.range.duration.seconds() / 3600);
+  }
+
+  const FuzzOptions options_;
+  std::ostream& out_;
+  std::ostream& err_;
+  const std::chrono::steady_clock::time_point begun_ = std::chrono::steady_clock::now();
+  std::map<uint64_t, FuzzOutcome> outcomes_;
+  uint64_t playedTwice_ = 0;
+  uint64_t failed_ = 0;
+};
+
+}  // namespace
+
+bool runFuzz(const FuzzOptions& options, std::ostream& out, std::ostream& err) {
+  return Fuzz(options, out, err).run();
+}
+
+}  // namespace tessel::lab

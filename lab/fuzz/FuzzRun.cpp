@@ -1,0 +1,210 @@
+#include "lab/fuzz/FuzzRun.h"
+
+#include <algorithm>
+#include <set>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "lab/check/AtRest.h"
+#include "lab/fuzz/RunDigest.h"
+#include "lab/run/Lab.h"
+#include "sm/LocalKey.h"
+
+namespace tessel::lab {
+namespace {
+
+constexpr Duration kSanityPass = seconds(60);
+constexpr Duration kLook = seconds(10);
+
+class FuzzRun {
+ public:
+  explicit FuzzRun(const FuzzCase& drawn)
+      : drawn_(drawn), lab_(drawn.scenario(), {&invariants_, &digest_}) {}
+
+  FuzzOutcome play() {
+    outcome_.seed = drawn_.mesh.seed;
+    outcome_.restBound = restBound(drawn_.mesh);
+    invariants_.start(lab_);
+    lab_.runUntil(drawn_.faultsEnd);
+    if (!comesToRest()) {
+      cureSplitRoles();
+      cureRefusedSas();
+      cureRoutersWithoutKey();
+      const uint32_t cured = outcome_.splitRoles + outcome_.refusedPaths + outcome_.routersNoKey;
+      if (cured == 0 || !comesToRest()) {
+        add("comes-to-rest", disturbed_, unrest_);
+      }
+    }
+    if (outcome_.held()) {
+      losesNothing();
+    }
+    finish();
+    return std::move(outcome_);
+  }
+
+ private:
+  /// Lets time run until every path and every router has been at rest, though not all at once:
+  /// rekeys go on. False when that takes too long.
+  bool comesToRest() {
+    std::vector<const PathPlan*> paths;
+    for (const PathPlan& path : lab_.scenario().paths) {
+      paths.push_back(&path);
+    }
+    std::vector<const Router*> routers;
+    for (const std::unique_ptr<Router>& router : lab_.routers()) {
+      routers.push_back(router.get());
+    }
+    const Duration begin = lab_.now();
+    for (;;) {
+      std::erase_if(paths, [&](const PathPlan* path) { return isAtRest(*path); });
+      std::erase_if(routers, [&](const Router* router) {
+        std::string why = whyNotAtRest(*router);
+        return why.empty() || (unrest_ = why, disturbed_ = router->name(), false);
+      });
+      if (paths.empty() && routers.empty()) {
+        outcome_.restAfter = lab_.now() - begin;
+        return true;
+      }
+      if (lab_.now() - begin >= outcome_.restBound) {
+        return false;
+      }
+      lab_.run(kLook);
+    }
+  }
+
+  bool isAtRest(const PathPlan& path) {
+    std::string why = whyNotAtRest(lab_, path);
+    if (why.empty()) {
+      return true;
+    }
+    unrest_ = std::move(why);
+    disturbed_ = "path " + path.name;
+    return false;
+  }
+
+  // What docs/limits.md tells an operator to do.
+
+  void cureRefusedSas() {
+    for (const PathPlan& path : lab_.scenario().paths) {
+      if (!whyNotAtRest(lab_, path).empty() && (waitsForSa(path, 0) || waitsForSa(path, 1))) {
+        ++outcome_.refusedPaths;
+        lab_.apply(ClearPath{.path = path.name});
+      }
+    }
+  }
+
+  /// Whether an SA of the path was never reported as installed, and for longer than that can take.
+  bool waitsForSa(const PathPlan& path, int end) const {
+    const Router& router = lab_.router(path.ends[end].router);
+    const auto& entities = router.entities();
+    const std::vector<SaReport> sas = router.dataPlane().sas(router.path(path.name)->end.key);
+    return std::ranges::any_of(sas, [&](const SaReport& sa) {
+      return lab_.now() - sa.handedOverAt > kSanityPass &&
+             entities.ipsecCounterTable->saCounterEntry(sa.key).addTime == 0;
+    });
+  }
+
+  void cureSplitRoles() {
+    std::set<std::pair<std::string, std::string>> pairs;
+    for (const PathPlan& path : lab_.scenario().paths) {
+      const std::pair pair(path.ends[0].router, path.ends[1].router);
+      if (!whyNotAtRest(lab_, path).empty() && rolesAreSplit(lab_, path) &&
+          pairs.insert(pair).second) {
+        ++outcome_.splitRoles;
+        lab_.apply(RestartRouter{.router = pair.first});
+      }
+    }
+  }
+
+  void cureRoutersWithoutKey() {
+    if (std::ranges::none_of(drawn_.faults, [](const Fault& fault) {
+          return fault.kind == FaultKind::failingGeneration;
+        })) {
+      return;
+    }
+    for (const std::unique_ptr<Router>& router : lab_.routers()) {
+      if (router->up() && router->machine().localKey().localKeyInfo().empty()) {
+        ++outcome_.routersNoKey;
+        lab_.apply(RestartRouter{.router = router->name()});
+      }
+    }
+  }
+
+  void losesNothing() {
+    // What was under way when the last fault ended must not count.
+    lab_.run(kLook);
+    const std::vector<StreamCounts> before = lab_.traffic().streams();
+    lab_.runUntil(std::max(lab_.now(), drawn_.mesh.duration));
+    const std::vector<StreamCounts> after = lab_.traffic().streams();
+    for (size_t i = 0; i < after.size(); ++i) {
+      const uint64_t lost = after[i].packets.lost - before[i].packets.lost;
+      if (lost > 0) {
+        add("rest-loses-nothing", "path " + after[i].path,
+            fmt::format("{} packets from {}", lost, after[i].from));
+      }
+    }
+  }
+
+  void finish() {
+    outcome_.routers = static_cast<uint32_t>(lab_.routers().size());
+    outcome_.paths = static_cast<uint32_t>(lab_.scenario().paths.size());
+    outcome_.played = lab_.now();
+    outcome_.evaluated = invariants_.evaluated();
+    for (const Fault& fault : drawn_.faults) {
+      ++outcome_.faults[static_cast<size_t>(fault.kind)];
+    }
+    for (const PathPlan& path : lab_.scenario().paths) {
+      for (const LinkEnd end : {LinkEnd::a, LinkEnd::b}) {
+        outcome_.packets += lab_.link(path.name).counts(end).sent;
+      }
+    }
+    for (const std::unique_ptr<Router>& router : lab_.routers()) {
+      const RouterHistory& history = lab_.history(*router);
+      outcome_.dhRekeys += history.dhRekeys();
+      for (const std::unique_ptr<RouterPath>& path : router->paths()) {
+        outcome_.saRekeys += history.saRekeys(path->end.key);
+      }
+    }
+    const std::vector<Violation>& seen = invariants_.violations();
+    outcome_.violations.insert(outcome_.violations.begin(), seen.begin(), seen.end());
+    outcome_.digest = digest_.finish(lab_);
+  }
+
+  void add(const char* invariant, const std::string& where, const std::string& what) {
+    outcome_.violations.push_back(
+        {.invariant = invariant, .at = lab_.now(), .where = where, .what = what});
+  }
+
+  const FuzzCase& drawn_;
+  Invariants invariants_;
+  RunDigest digest_;
+  Lab lab_;
+  FuzzOutcome outcome_;
+  std::string unrest_;
+  std::string disturbed_;
+};
+
+}  // namespace
+
+Duration restBound(const Scenario& scenario) {
+  Duration delays;
+  for (const ControllerPlan& controller : scenario.controllers) {
+    delays = std::max(delays, controller.delay);
+  }
+  Duration slowest;
+  for (const RouterPlan& router : scenario.routers) {
+    const RouterSettings& settings = router.settings;
+    slowest =
+        std::max(slowest, settings.sanityExpiry + kSanityPass * 3 + settings.dhRekeyDelay +
+                              kSanityPass + settings.controllerDelay + settings.installDelay * 2);
+  }
+  // Twice: what ends one end's wait can begin the other's.
+  return (delays + slowest) * 2;
+}
+
+FuzzOutcome playCase(const FuzzCase& drawn) {
+  return FuzzRun(drawn).play();
+}
+
+}  // namespace tessel::lab
