@@ -3,33 +3,36 @@
 #pragma once
 
 #include <algorithm>
+#include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "lab/scenario/ScenarioReaders.h"
+#include "lab/scenario/ScenarioForms.h"
 
 namespace tessel::lab {
 
 /// One thing that can stand under `do` or `expect`.
 template <class Variant>
 struct Choice {
-  const char* name;
-  Variant (*read)(MapReader& map);
+  std::string name;
+  Variant start;  ///< Of this thing's kind: what a reader begins with.
+  std::function<void(Form&, Variant&)> describe;
+  /// Whether the name stands for a value of that kind; null: for every one.
+  std::function<bool(const Variant&)> means{};
 };
 
-template <class Value>
-void readRequired(MapReader& map, const std::string& key, Value& value) {
-  if (const auto field = map.require(key)) {
-    field->read(value);
-  }
+/// A choice with the description of its arguments, `describe(Form&, Thing&)`.
+template <class Variant, class Thing>
+Choice<Variant> choice(const char* name, void (*describe)(Form&, Thing&)) {
+  return {.name = name, .start = Thing(), .describe = [describe](Form& form, Variant& value) {
+            describe(form, std::get<Thing>(value));
+          }};
 }
 
 /// A time within the run.
-inline void readTime(const Field& field, Duration& at) {
-  if (!field.read(at)) {
-    return;
-  }
+inline void checkTime(const Field& field, Duration at) {
   field.state().checks.push_back([field, at](const Scenario& scenario) {
     if (at > scenario.duration) {
       field.refuse("after the end of the run, " + stringValue(scenario.duration));
@@ -64,7 +67,27 @@ std::optional<Variant> readChoice(const Field& field, const std::string& what,
         YamlNode{.blank = true, .line = node.line, .column = node.column});
   }
   MapReader map(Field(field.state(), *arguments, field.path() + "." + choice->name));
-  return choice->read(map);
+  Form form(map);
+  Variant value = choice->start;
+  choice->describe(form, value);
+  return value;
+}
+
+/// The reverse of `readChoice`.
+template <class Variant>
+YamlNode choiceNode(Variant value, const std::vector<Choice<Variant>>& choices) {
+  const auto choice = std::ranges::find_if(choices, [&](const Choice<Variant>& each) {
+    return each.start.index() == value.index() && (!each.means || each.means(value));
+  });
+  YamlNode arguments;
+  Form form(arguments);
+  choice->describe(form, value);
+  if (arguments.members.empty()) {
+    return {.text = choice->name};
+  }
+  YamlNode node;
+  Form(node).add(choice->name, std::move(arguments));
+  return node;
 }
 
 /// The one thing or the list of things under `key`.

@@ -1,11 +1,14 @@
 #include "lab/scenario/Quantities.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <limits>
 #include <numeric>
+#include <ranges>
 #include <span>
+#include <stdexcept>
 
 #include <fmt/format.h>
 
@@ -36,6 +39,27 @@ std::string unitList(std::span<const Unit> units) {
     list += (list.empty() ? "" : ", ") + std::string(unit.name);
   }
   return list;
+}
+
+/// The shortest text that gives `number` back, its decimal point moved to the right.
+std::string decimalText(double number, size_t moved = 0) {
+  std::array<char, 400> buffer{};  // The smallest double has 324 digits behind the point.
+  const auto end =
+      std::to_chars(buffer.data(), buffer.data() + buffer.size(), number, std::chars_format::fixed);
+  std::string text(buffer.data(), end.ptr);
+  const size_t point = std::min(text.find('.'), text.size());
+  std::string digits = text.substr(0, point);
+  if (point < text.size()) {
+    digits += text.substr(point + 1);
+  }
+  digits.resize(std::max(digits.size(), point + moved), '0');
+  const std::string behind = digits.substr(point + moved);
+  digits.resize(point + moved);
+  digits.erase(0, std::min(digits.find_first_not_of('0'), digits.size() - 1));
+  if (!behind.empty()) {
+    digits.append(1, '.').append(behind);
+  }
+  return digits;
 }
 
 struct Term {
@@ -143,7 +167,14 @@ Parsed<double> parsePercentage(std::string_view text) {
   if (*percentage.value > 100) {
     return {.problem = "out of range: 0 % to 100 %"};
   }
-  return {.value = *percentage.value / 100};
+  // The decimal point is moved in the text: 0.1 % is the 0.001 of a literal, which a division need
+  // not give, and every share has a text.
+  const std::string_view number = trimmed(text);
+  const std::string moved =
+      std::string(number.substr(0, number.find_first_not_of("0123456789."))) + "e-2";
+  double share = 0;
+  std::from_chars(moved.data(), moved.data() + moved.size(), share);
+  return {.value = share};
 }
 
 Parsed<uint64_t> parseCount(std::string_view text) {
@@ -158,6 +189,53 @@ Parsed<uint64_t> parseCount(std::string_view text) {
     return {.problem = "not a whole number"};
   }
   return {.value = count};
+}
+
+std::string durationText(Duration duration) {
+  const double time = duration.seconds();
+  if (!(time >= 0) || duration.isNever()) {
+    throw std::invalid_argument(stringValue(duration) + " is no time span of 0 s or more");
+  }
+  if (time < 1) {
+    const std::string inMilliseconds = decimalText(time, 3) + " ms";
+    // Not every part of a second is a number of milliseconds divided by 1000.
+    return time > 0 && parseDuration(inMilliseconds).value == duration ? inMilliseconds
+                                                                       : decimalText(time) + " s";
+  }
+  if (time != std::floor(time) || time >= 1e15) {
+    return decimalText(time) + " s";
+  }
+  std::string text;
+  auto rest = static_cast<uint64_t>(time);
+  for (const Unit& unit : std::span(durationUnits).first(4)) {
+    const auto scale = static_cast<uint64_t>(unit.scale);
+    if (rest >= scale) {
+      text += fmt::format("{}{} {}", text.empty() ? "" : " ", rest / scale, unit.name);
+      rest %= scale;
+    }
+  }
+  return text;
+}
+
+std::string sizeText(uint64_t bytes) {
+  const std::string text = fmt::format("{} B", bytes);
+  if (parseSize(text).value != bytes) {
+    throw std::invalid_argument(text + " is no size up to 1000000 GB");
+  }
+  for (const Unit& unit : std::span(sizeUnits) | std::views::reverse) {
+    const auto scale = static_cast<uint64_t>(unit.scale);
+    if (bytes >= scale && bytes % scale == 0) {
+      return fmt::format("{} {}", bytes / scale, unit.name);
+    }
+  }
+  return text;
+}
+
+std::string percentageText(double share) {
+  if (!(share >= 0 && share <= 1)) {
+    throw std::invalid_argument(fmt::format("{} is no share from 0 to 1", share));
+  }
+  return decimalText(share, 2) + " %";
 }
 
 std::string nearestName(std::string_view text, const std::vector<std::string>& candidates) {

@@ -30,6 +30,12 @@ Parsed<double> parsePercentage(std::string_view text);
 /// "1000", "1_000_000": a whole number without unit.
 Parsed<uint64_t> parseCount(std::string_view text);
 
+/// The texts that give exactly these values back. Each throws std::invalid_argument for a value
+/// that has none: a time below 0 or never, a size above 10^15 bytes, a share outside of 0 to 1.
+std::string durationText(Duration duration);
+std::string sizeText(uint64_t bytes);
+std::string percentageText(double share);
+
 /// The one of `candidates` that `text` was probably meant to be; empty when none is near.
 std::string nearestName(std::string_view text, const std::vector<std::string>& candidates);
 

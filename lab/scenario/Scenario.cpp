@@ -11,6 +11,18 @@ const Member* findByName(const std::vector<Member>& members, const std::string& 
   return found == members.end() ? nullptr : &*found;
 }
 
+/// Calls `visit` with the member of a change and that of the settings which it changes.
+template <class Visit>
+void forEachLinkMember(Visit visit) {
+  visit(&ChangeLink::latency, &LinkSettings::latency);
+  visit(&ChangeLink::jitter, &LinkSettings::jitter);
+  visit(&ChangeLink::loss, &LinkSettings::lossRate);
+  visit(&ChangeLink::duplication, &LinkSettings::duplicateRate);
+  visit(&ChangeLink::reordering, &LinkSettings::reorderRate);
+  visit(&ChangeLink::corruption, &LinkSettings::bitFlipRate);
+  visit(&ChangeLink::replay, &LinkSettings::replayRate);
+}
+
 }  // namespace
 
 const RouterPlan* Scenario::router(const std::string& routerName) const {
@@ -26,14 +38,20 @@ const FlowPlan* Scenario::flow(const std::string& flowName) const {
 }
 
 LinkSettings changedLink(LinkSettings settings, const ChangeLink& change) {
-  settings.latency = change.latency.value_or(settings.latency);
-  settings.jitter = change.jitter.value_or(settings.jitter);
-  settings.lossRate = change.loss.value_or(settings.lossRate);
-  settings.duplicateRate = change.duplication.value_or(settings.duplicateRate);
-  settings.reorderRate = change.reordering.value_or(settings.reorderRate);
-  settings.bitFlipRate = change.corruption.value_or(settings.bitFlipRate);
-  settings.replayRate = change.replay.value_or(settings.replayRate);
+  forEachLinkMember([&](auto inChange, auto inSettings) {
+    settings.*inSettings = (change.*inChange).value_or(settings.*inSettings);
+  });
   return settings;
+}
+
+ChangeLink linkChange(const LinkSettings& from, const LinkSettings& to) {
+  ChangeLink change;
+  forEachLinkMember([&](auto inChange, auto inSettings) {
+    if (from.*inSettings != to.*inSettings) {
+      change.*inChange = to.*inSettings;
+    }
+  });
+  return change;
 }
 
 const std::vector<std::string>& logMessages() {

@@ -1,4 +1,4 @@
-// Scenario files: what is read from good ones, and what is said of bad ones.
+// Scenario files: what is read from good ones, what is said of bad ones, and what is written.
 #include <filesystem>
 #include <set>
 
@@ -6,6 +6,7 @@
 #include "lab/scenario/EffectiveTimers.h"
 #include "lab/scenario/LoadScenario.h"
 #include "lab/scenario/Quantities.h"
+#include "lab/scenario/WriteScenario.h"
 
 namespace tessel::lab {
 namespace {
@@ -24,6 +25,16 @@ Scenario readGood(const std::string& text) {
     ADD_FAILURE() << stringValue(error) << "\nin\n" << text;
   }
   return std::move(loaded.scenario);
+}
+
+/// What is written of a scenario is read as an equal one, down to the words of its actions.
+void expectComesBack(const Scenario& scenario) {
+  const std::string text = scenarioText(scenario);
+  const Scenario again = readGood(text);
+  EXPECT_TRUE(again == scenario) << text;
+  for (const TimelineEntry& entry : again.timeline) {
+    EXPECT_EQ(actionText(entry.action), entry.text);
+  }
 }
 
 // Each file ends with what is to be said of the part above.
@@ -126,7 +137,60 @@ TEST(Quantities, AreReadWithTheirUnitsOnly) {
   EXPECT_FALSE(parseCount("_").value);
 }
 
-// Every example of the manual is read, and every action and expectation has one.
+TEST(Quantities, AreWrittenSoThatTheyComeBackExactly) {
+  const std::pair<double, const char*> durations[] = {{0, "0 s"},
+                                                      {0.02, "20 ms"},
+                                                      {0.0005, "0.5 ms"},
+                                                      {1.5, "1.5 s"},
+                                                      {9001, "2 h 30 min 1 s"},
+                                                      {86400, "1 d"},
+                                                      {0.1 + 0.2, "300.00000000000004 ms"},
+                                                      {1e-7, "0.0000001 s"}};
+  for (const auto& [value, text] : durations) {
+    EXPECT_EQ(durationText(Duration(value)), text);
+    EXPECT_EQ(parseDuration(text).value, Duration(value)) << text;
+  }
+  const std::pair<double, const char*> shares[] = {
+      {0, "0 %"},   {0.125, "12.5 %"},   {0.001, "0.1 %"},
+      {1, "100 %"}, {1e-7, "0.00001 %"}, {0.1 + 0.2, "30.000000000000004 %"}};
+  for (const auto& [value, text] : shares) {
+    EXPECT_EQ(percentageText(value), text);
+    EXPECT_EQ(parsePercentage(text).value, value) << text;
+  }
+  EXPECT_EQ(sizeText(1500), "1500 B");
+  EXPECT_EQ(sizeText(64000), "64 kB");
+  EXPECT_THROW((void)sizeText(2'000'000'000'000'000), std::invalid_argument);
+  EXPECT_THROW((void)durationText(Duration(-1)), std::invalid_argument);
+  EXPECT_THROW((void)durationText(Duration::never()), std::invalid_argument);
+  EXPECT_THROW((void)percentageText(1.5), std::invalid_argument);
+}
+
+TEST(WriteScenario, KeepsWhatDiffersFromTheDefaultsAndFromEachOther) {
+  expectComesBack(readGood(textOf("tests/scenario/defaults.yaml")));
+  expectComesBack(readGood(textOf("tests/scenario/timers.yaml")));
+  Scenario scenario = readGood(textOf("tests/scenario/timeline.yaml"));
+  scenario.description = "two lines:\n\t\"quoted\" \\ # {no} [flow], \xC3\xA4";
+  scenario.seed = std::numeric_limits<uint64_t>::max();
+  scenario.duration = Duration(1e6 / 3);
+  scenario.distribution = Distribution::neighbours;
+  scenario.probes.on = false;
+  scenario.toggles = {{"PfConnectionLoss", false}, {"TrellisSnapshot", true}};
+  scenario.controllers = {{.name = "a", .delay = Duration(1 / 3.0)}, {.name = "b"}};
+  // Each end of a scale, and back to a built-in default that the others do not have.
+  scenario.routers[0].settings = {.group = IpsecDhGroup::modp768, .holdTime = 1, .yieldAfter = 1};
+  scenario.routers[0].settings.profile.sa = {.lifetime = 0, .packetLimit = 1, .byteLimit = 1};
+  scenario.routers[0].settings.otherProfiles = {{.name = "short"}};
+  scenario.routers[1].settings = {};
+  scenario.paths[0].condition.connection = std::nullopt;
+  scenario.traffic = {{.name = "a",
+                       .paths = {"net"},
+                       .interval = Duration(1 / 7.0),
+                       .start = Duration::never(),
+                       .stop = seconds(1)}};
+  expectComesBack(scenario);
+}
+
+// Every example of the manual is read and written, and every action and expectation has one.
 
 struct Example {
   std::string kind;  ///< What stands after the fence's "yaml".
@@ -162,13 +226,14 @@ std::string wholeScenario(const Example& example, const std::string& manualScena
          (example.kind == "defaults" ? "routers: [{name: east, router-id: 192.0.2.1}]\n" : "");
 }
 
-TEST(Manual, ExamplesAreReadAndLeaveNothingOut) {
+TEST(Manual, ExamplesAreReadWrittenAndLeaveNothingOut) {
   const std::vector<Example> all = examples();
   ASSERT_FALSE(all.empty());
   std::set<size_t> actions;
   std::set<size_t> facts;
   for (const Example& example : all) {
     const Scenario scenario = readGood(wholeScenario(example, all[0].text));
+    expectComesBack(scenario);
     for (const TimelineEntry& entry : scenario.timeline) {
       actions.insert(entry.action.index());
     }
@@ -183,10 +248,11 @@ TEST(Manual, ExamplesAreReadAndLeaveNothingOut) {
   EXPECT_EQ(facts.size(), std::variant_size_v<ExpectedFact>);
 }
 
-TEST(Manual, ShippedScenariosAreSound) {
+TEST(Manual, ShippedScenariosAreSoundAndComeBack) {
   for (const auto& entry : std::filesystem::directory_iterator(source / "scenarios")) {
     SCOPED_TRACE(entry.path().filename());
     const Scenario scenario = readGood(textOf(entry.path()));
+    expectComesBack(scenario);
     EXPECT_EQ(scenario.name, entry.path().stem());
     EXPECT_FALSE(scenario.expectations.empty()) << "a run that can only succeed";
   }
