@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <exception>
 #include <fstream>
+#include <iostream>
 #include <optional>
 #include <ostream>
 #include <string_view>
@@ -11,6 +12,7 @@
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include "lab/check/Invariants.h"
 #include "lab/fuzz/FuzzCommand.h"
@@ -140,6 +142,9 @@ void addFuzzOptions(CLI::App& fuzz, FuzzOptions& options) {
       ->description("Routers of a mesh, at least and at most (default 2..16)")
       ->type_name("A..B")
       ->check([&range](const std::string& text) { return readRouters(text, range); });
+  fuzz.add_flag(
+      "--shrink", options.shrink,
+      "Leave out of the first failing run what is not needed, and write it to seed-N.yaml");
   fuzz.add_option_function<double>(
           "--hours", [&range](double hours) { range.duration = seconds(hours * 3600); },
           "Virtual time of a run (default 2)")
@@ -176,6 +181,7 @@ int runProgram(std::vector<std::string> args, std::ostream& out, std::ostream& e
     std::ranges::reverse(args);  // The parser takes them from the back.
     app.parse(std::move(args));
     if (fuzz.parsed()) {
+      fuzzing.progress = &err == &std::cerr && isatty(STDERR_FILENO) != 0;
       return runFuzz(fuzzing, out, err) ? held : notHeld;
     }
     Program program(out, err);

@@ -1,15 +1,19 @@
 #include "lab/fuzz/FuzzCommand.h"
 
 #include <chrono>
+#include <fstream>
 #include <map>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
 
 #include "lab/fuzz/FuzzRun.h"
+#include "lab/fuzz/Shrink.h"
 #include "lab/fuzz/Workers.h"
+#include "lab/scenario/WriteScenario.h"
 
 namespace tessel::lab {
 namespace {
@@ -50,13 +54,7 @@ class Fuzz {
 
  private:
   void take(const WorkResult& result) {
-    FuzzOutcome outcome{.seed = result.item};
-    if (result.failure.empty()) {
-      outcome = readOutcome(result.text);
-    } else {
-      outcome.violations.push_back(
-          {.invariant = "ends-well", .at = {}, .where = "the lab", .what = result.failure});
-    }
+    const FuzzOutcome outcome = outcomeOf(result);
     const auto [first, added] = outcomes_.emplace(outcome.seed, outcome);
     if (!added) {
       ++playedTwice_;
@@ -70,6 +68,16 @@ class Fuzz {
     if (options_.progress) {
       showProgress();
     }
+  }
+
+  static FuzzOutcome outcomeOf(const WorkResult& result) {
+    if (result.failure.empty()) {
+      return readOutcome(result.text);
+    }
+    FuzzOutcome outcome{.seed = result.item};
+    outcome.violations.push_back(
+        {.invariant = "ends-well", .at = {}, .where = "the lab", .what = result.failure});
+    return outcome;
   }
 
   void showProgress() {
@@ -110,8 +118,10 @@ class Fuzz {
   void report() {
     for (const auto& [seed, outcome] : outcomes_) {
       if (!outcome.held()) {
-        ++failed_;
         reportFailure(outcome);
+        if (++failed_ == 1 && options_.shrink) {
+          shrinkFailure(outcome);
+        }
       }
     }
     const FuzzOutcome sum = total();
@@ -167,6 +177,36 @@ class Fuzz {
         "  again: tessel-lab fuzz --seeds 1 --from {} --routers {}..{} --hours {}\n\n",
         outcome.seed, options_.range.minRouters, options_.range.maxRouters,
         options_.range.duration.seconds() / 3600);
+  }
+
+  void shrinkFailure(const FuzzOutcome& outcome) {
+    const std::string invariant = outcome.violations.front().invariant;
+    FuzzCase whole = drawCase(outcome.seed, options_.range);
+    const size_t faults = whole.faults.size();
+    uint64_t runs = 0;
+    const FuzzCase smallest = shrink(std::move(whole), [&](const FuzzCase& smaller) {
+      if (options_.progress) {
+        err_ << fmt::format("\r\x1b[Krun {}: {} of {} faults", ++runs, smaller.faults.size(),
+                            faults)
+             << std::flush;
+      }
+      bool failsAlike = false;
+      forEachInWorkers(
+          std::vector{outcome.seed}, 1, [&](uint64_t) { return outcomeText(playCase(smaller)); },
+          [&](const WorkResult& result) {
+            const FuzzOutcome smallerOutcome = outcomeOf(result);
+            failsAlike =
+                !smallerOutcome.held() && smallerOutcome.violations.front().invariant == invariant;
+          });
+      return failsAlike;
+    });
+    const std::string file = fmt::format("seed-{}.yaml", outcome.seed);
+    Scenario scenario = smallest.scenario();
+    scenario.description =
+        fmt::format("Drawn, then made small: {}\n", stringValue(outcome.violations.front()));
+    std::ofstream(file, std::ios::binary) << scenarioText(scenario);
+    out_ << fmt::format("  {} of its {} faults are enough: {}\n\n", smallest.faults.size(), faults,
+                        file);
   }
 
   const FuzzOptions options_;

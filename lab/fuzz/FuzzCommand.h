@@ -14,6 +14,8 @@ struct FuzzOptions {
   uint64_t from = 1;  ///< The first seed.
   unsigned jobs = std::thread::hardware_concurrency();
   FuzzRange range{};
+  /// Makes the first failing case as small as it gets and writes it to `seed-N.yaml`.
+  bool shrink = false;
   /// A line that shows how far it is, for a terminal.
   bool progress = false;
 };
