@@ -1,6 +1,7 @@
 #include "lab/controller/Controllers.h"
 
 #include <algorithm>
+#include <deque>
 #include <stdexcept>
 #include <utility>
 
@@ -145,6 +146,8 @@ class Controllers::Member {
   KeyedCollection<std::string, Fault> faults_;
   /// The newest state that this router was told of, by the originator's address.
   KeyedCollection<IpGenAddr, uint64_t> delivered_;
+  /// What is held back.
+  std::deque<Message> waiting_;
 
  private:
   Controllers& controllers_;
@@ -230,6 +233,37 @@ void Controllers::controllerDelayIs(const std::string& controller, Duration dela
       plan.delay = delay;
     }
   }
+}
+
+void Controllers::heldIs(bool held) {
+  held_ = held;
+  for (const std::unique_ptr<Member>& each : members_) {
+    while (!held && !each->waiting_.empty()) {
+      deliverFirst(*each);
+    }
+  }
+}
+
+bool Controllers::waiting(const std::string& router) {
+  Member& receiver = member(router);
+  while (!receiver.waiting_.empty() && !isNews(receiver, receiver.waiting_.front())) {
+    receiver.waiting_.pop_front();
+  }
+  return !receiver.waiting_.empty();
+}
+
+void Controllers::deliverNext(const std::string& router) {
+  if (waiting(router)) {
+    deliverFirst(member(router));
+  }
+}
+
+void Controllers::deliverFirst(Member& receiver) {
+  if (receiver.attached()) {
+    receiver.post(
+        [this, &receiver, message = receiver.waiting_.front()] { deliver(receiver, message); });
+  }
+  receiver.waiting_.pop_front();
 }
 
 void Controllers::corrupt(const std::string& originator, const std::string& receiver,
@@ -343,7 +377,7 @@ void Controllers::send(const IpGenAddr& address, Member& receiver, size_t contro
                   .session = receiver.sessions_[controller].number};
   receiver.postAfter(
       plans_[controller].delay + receiver.delay_,
-      [this, &receiver, message = std::move(message)] { deliver(receiver, message); });
+      [this, &receiver, message = std::move(message)] { receive(receiver, message); });
 }
 
 Controllers::Record Controllers::recordFor(const Entry& entry, const Member& receiver) const {
@@ -362,22 +396,39 @@ Controllers::Record Controllers::recordFor(const Entry& entry, const Member& rec
   return spoilt;
 }
 
-void Controllers::deliver(Member& receiver, const Message& message) {
-  const Member::Session& session = receiver.sessions_[message.controller];
+void Controllers::receive(Member& receiver, const Message& message) {
+  if (held_) {
+    receiver.waiting_.push_back(message);
+  } else {
+    deliver(receiver, message);
+  }
+}
+
+/// Whether a message tells the router something. Not when its session has ended, when it is late,
+/// or when it repeats what is known: another controller was faster, or it comes from a new session.
+bool Controllers::isNews(Member& receiver, const Message& message) {
+  if (!receiver.attached() || receiver.sessions_[message.controller].number != message.session) {
+    return false;
+  }
   uint64_t& delivered = receiver.delivered_.emplace(message.address).first;
-  if (session.number != message.session || message.sequence < delivered) {
-    return;
+  if (message.sequence < delivered) {
+    return false;
   }
   delivered = message.sequence;
-
-  Controller::PeerKeyDir& dir = *receiver.client_.peerKeyDir;
+  const Controller::PeerKeyDir& dir = *receiver.client_.peerKeyDir;
   const bool known = dir.ipsecPeerKeyInfoHas(message.address);
-  if (message.record ? known && dir.ipsecPeerKeyInfo(message.address) == *message.record : !known) {
-    return;  // Another controller was faster, or a new session repeats what is known.
+  return message.record ? !known || dir.ipsecPeerKeyInfo(message.address) != *message.record
+                        : known;
+}
+
+void Controllers::deliver(Member& receiver, const Message& message) {
+  if (!isNews(receiver, message)) {
+    return;
   }
   if (observer_ != nullptr) {
     observer_->handleDelivered(receiver.name_, message.address, message.record.get());
   }
+  Controller::PeerKeyDir& dir = *receiver.client_.peerKeyDir;
   if (message.record) {
     dir.ipsecPeerKeyInfoIs(message.address, *message.record);
   } else {

@@ -81,6 +81,14 @@ class Controllers {
   void routerDelayIs(const std::string& router, Duration delay);
   void controllerDelayIs(const std::string& controller, Duration delay);
 
+  /// Holds back what routers would receive from now on: it waits, per router and in its order,
+  /// until it is delivered. The end of the hold delivers all.
+  void heldIs(bool held);
+  /// Whether something waits for a router that it does not know already. What it knows is dropped.
+  bool waiting(const std::string& router);
+  /// Delivers, in a job of the router, the first of what waits for it.
+  void deliverNext(const std::string& router);
+
   /// Misbehaviour, for what `receiver` gets of `originator`; an empty receiver means every router.
   /// Records that arrive stay as they are until something newer is sent.
 
@@ -108,6 +116,9 @@ class Controllers {
   void distribute(const IpGenAddr& address, Member& receiver);
   void openSession(Member& router, size_t controller);
   void send(const IpGenAddr& address, Member& receiver, size_t controller);
+  void receive(Member& receiver, const Message& message);
+  void deliverFirst(Member& receiver);
+  bool isNews(Member& receiver, const Message& message);
   void deliver(Member& receiver, const Message& message);
   void reportConnected(Member& router);
   Record recordFor(const Entry& entry, const Member& receiver) const;
@@ -120,6 +131,7 @@ class Controllers {
   std::vector<std::unique_ptr<Member>> members_;  // In the order in which they were made known.
   KeyedCollection<IpGenAddr, Entry> directory_;   // Withdrawn records included.
   uint64_t lastSequence_ = 0;
+  bool held_ = false;
 };
 
 }  // namespace tessel::lab

@@ -117,6 +117,26 @@ void DataPlane::planInstallation(Sa& sa) {
   sa.timer->scheduleTaskDelay(plan.delay);
 }
 
+bool DataPlane::installationsWait() const {
+  for (const auto& [key, sa] : sas_) {
+    if (sa->state == SaInstallState::pending) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void DataPlane::installNext() {
+  std::optional<Duration> earliest;  // `sas_` is in the order of hand-over.
+  for (const auto& [key, sa] : sas_) {
+    if (sa->state == SaInstallState::pending &&
+        sa->handedOverAt == earliest.value_or(sa->handedOverAt)) {
+      earliest = sa->handedOverAt;
+      sa->timer->scheduleTaskDelay(Duration());
+    }
+  }
+}
+
 void DataPlane::handleTimer(const SecurityAssociationKey& key) {
   const Ptr<Sa>* const found = sas_.find(key);
   if (found == nullptr) {

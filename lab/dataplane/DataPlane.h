@@ -104,6 +104,12 @@ class DataPlane {
   using PlanInstall = std::function<InstallPlan(const SaReport&)>;
   void installPlanIs(PlanInstall plan) { plan_ = std::move(plan); }
 
+  /// Whether SAs are handed over that are not installed yet.
+  bool installationsWait() const;
+  /// Installs now, in a job, what waits since the earliest hand-over, however long it would have
+  /// had to: all SAs that were handed over at that time.
+  void installNext();
+
   void observerAdd(DataPlaneObserver& observer);
   void observerDel(DataPlaneObserver& observer);
 

@@ -96,6 +96,31 @@ class Link::Direction final : public RefCounted {
       throw std::logic_error("link: a packet was sent before anybody was attached to receive it");
     }
     ++counts_.sent;
+    if (held_) {
+      ++counts_.inFlight;
+      waiting_.push_back(std::move(packet));
+      return;
+    }
+    depart(std::move(packet));
+  }
+
+  void heldIs(bool held) {
+    held_ = held;
+    if (!held) {
+      release(waiting_.size());
+    }
+  }
+  size_t waiting() const { return waiting_.size(); }
+  void release(size_t count) {
+    for (; count > 0 && !waiting_.empty(); --count) {
+      Bytes packet = std::move(waiting_.front());
+      waiting_.pop_front();
+      --counts_.inFlight;
+      depart(std::move(packet));
+    }
+  }
+
+  void depart(Bytes packet) {
     if (senderTranslation_) {
       rewriteSource(packet, senderTranslation_->privateAddr, senderTranslation_->publicAddr);
     }
@@ -290,6 +315,8 @@ class Link::Direction final : public RefCounted {
   Random random_;
   bool inBurst_ = false;
   bool cut_ = false;
+  bool held_ = false;
+  std::deque<Bytes> waiting_;
   bool recordingAsked_ = false;
   Duration lastArrival_;
   std::deque<Bytes> recorded_;
@@ -359,6 +386,18 @@ void Link::cutIs(bool cut) {
 
 bool Link::cut(LinkEnd from) const {
   return direction(from).cut();
+}
+
+void Link::heldIs(LinkEnd from, bool held) {
+  direction(from).heldIs(held);
+}
+
+size_t Link::waiting(LinkEnd from) const {
+  return direction(from).waiting();
+}
+
+void Link::release(LinkEnd from, size_t count) {
+  direction(from).release(count);
 }
 
 size_t Link::replay(LinkEnd from, size_t count) {

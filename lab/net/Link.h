@@ -129,6 +129,14 @@ class Link {
   void cutIs(bool cut);
   bool cut(LinkEnd from) const;
 
+  /// Holds one direction: what is sent waits at its start, in its order, and counts as in flight,
+  /// until it is released. The end of the hold releases all.
+  void heldIs(LinkEnd from, bool held);
+  /// How many packets wait in a direction that is held.
+  size_t waiting(LinkEnd from) const;
+  /// Sends the first `count` of them on their way, or all when there are fewer.
+  void release(LinkEnd from, size_t count);
+
   /// Sends up to `count` of the newest recorded packets of a direction once more, oldest first.
   /// Packets are recorded while `replayRate` is above 0 or after `recordingIs(from, true)`.
   /// Returns how many were sent.
