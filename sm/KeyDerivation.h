@@ -20,6 +20,13 @@ namespace tessel::Ipsec {
 
 class TesselV1Sm;
 
+/// Whether a pair is of generations that a DH rekey moves to from `current`: neither is older, and
+/// one is newer.
+constexpr bool isNewer(const DhKeyPair& pair, const DhKeyPair& current) {
+  return pair != current && pair.localRekeyCount >= current.localRekeyCount &&
+         pair.peerRekeyCount >= current.peerRekeyCount;
+}
+
 class KeyDerivation {
  public:
   explicit KeyDerivation(TesselV1Sm& sm) : sm_(sm) {}

@@ -47,12 +47,6 @@ bool isSteadySa(const Ike::SecurityAssociation& sa) {
   return sa.saType() == SaType::steadyIn || sa.saType() == SaType::steadyOut;
 }
 
-/// A generation that a running DH rekey is about to move to.
-bool isNewer(const DhKeyPair& pair, const DhKeyPair& current) {
-  return pair != current && pair.localRekeyCount >= current.localRekeyCount &&
-         pair.peerRekeyCount >= current.peerRekeyCount;
-}
-
 /// The steady SAs of a path, with how many there are of each.
 struct SteadySas {
   Ptr<Ike::PathConnSaInfo> in;

@@ -101,6 +101,9 @@ bool RekeySm::handleDhResponderInstalled(const Ptr<Ike::SecurityAssociation>& sa
 bool RekeySm::handleSaInitiatorInstalled(const Ptr<Ike::SecurityAssociation>& sa) {
   const Ptr<Ike::PathConnState> path = pathConnState_;
   if (sa->saType() == SaType::saRekeyIn) {
+    if (hasNewerOutSa(sa->dhKeyPair())) {
+      return false;
+    }
     setPathState(path, DynamicPathState::saInitiatorInSaInstalled);
     doInstallRekeySa(sa, SaType::saRekeyOut);
     return true;
@@ -150,7 +153,8 @@ bool RekeySm::handlePktsPresent(const SecurityAssociationKey& key) {
     setPathState(path, DynamicPathState::dhInitiatorOutSaInstalling);
     setDhRekeyState(sa->dhKeyPair(), DhRekeyState::outSaInstalling);
     installDhRekeyOutSa(key);
-  } else if (saSmState == SmState::responder && type == SaType::saRekeyIn) {
+  } else if (saSmState == SmState::responder && type == SaType::saRekeyIn &&
+             !hasNewerOutSa(sa->dhKeyPair())) {
     setPathState(path, DynamicPathState::saResponderOutSaInstalling);
     setSaRekeyState(key, SaRekeyState::inUse);
     doInstallRekeySa(sa, SaType::saRekeyOut);
@@ -261,6 +265,18 @@ bool RekeySm::belongsToDhRekey(const Ike::SecurityAssociation& sa,
   }
   const SmState role = dhSmStateOf(sa.dhKeyPair());
   return sa.dhKeyPair() != completing && (role == SmState::initiator || role == SmState::responder);
+}
+
+bool RekeySm::hasNewerOutSa(const DhKeyPair& pair) const {
+  // The data path sends on what it was handed last: an out-SA of the SA rekey would take the place
+  // of the newer one, and be retired when the DH rekey is complete.
+  for (const auto& [key, saInfo] : pathConnState_->pathConnSaInfo()) {
+    if (saInfo->sa()->saType() == SaType::dhRekeyOut && isNewer(saInfo->sa()->dhKeyPair(), pair)) {
+      TRACE("Not installing outSa of an SA rekey, a DH rekey has a newer one", key);
+      return true;
+    }
+  }
+  return false;
 }
 
 void RekeySm::markRekeyComplete(const SecurityAssociationKey& outSaKey) {

@@ -132,6 +132,8 @@ class RekeySm final : public RefCounted {
   bool isLatestDhKeyPair(const DhKeyPair& pair) const;
   /// Whether an SA belongs to a DH rekey that runs beside the rekey of `completing`.
   bool belongsToDhRekey(const Ike::SecurityAssociation& sa, const DhKeyPair& completing) const;
+  /// Whether a DH rekey has made an out-SA already of generations newer than `pair`.
+  bool hasNewerOutSa(const DhKeyPair& pair) const;
   /// The in-SA to install an out-SA for, decided from an in-SA; null for none.
   Ptr<Ike::SecurityAssociation> selectInSaForOutSa(const Ptr<Ike::SecurityAssociation>& inSa);
 

@@ -221,6 +221,10 @@ class Crossing {
     if (!lastLoss.isNever() && (allowed == Loss::never || lastLoss > until)) {
       return std::to_string(lostPackets) + " packets lost until " + stringValue(lastLoss);
     }
+    // A rebuild at both ends at once loses no packet when none is on its way.
+    if (allowed == Loss::never && rebuilds() > 0) {
+      return "the path was rebuilt";
+    }
     why = whyNoTraffic();
     return why.empty() && !invariants_.violations().empty()
                ? stringValue(invariants_.violations().front())
@@ -362,6 +366,9 @@ class Crossing {
     return flows && lost() == lostBefore ? "" : "at rest, and packets are lost";
   }
 
+  uint64_t rebuilds() const {
+    return lab_.history(a_).events("clearPath") + lab_.history(b_).events("clearPath");
+  }
   uint64_t lost() const {
     const Link& link = lab_.link(kPath);
     return lab_.history(a_).drops().total() + lab_.history(b_).drops().total() +
