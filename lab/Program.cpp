@@ -59,8 +59,12 @@ class Program {
     }
     scenario->seed = options.seed.value_or(scenario->seed);
 
-    Narrator narrator(*scenario, [this](std::string_view line) { out_ << line; });
     Invariants invariants;
+    const auto print = [&](std::string_view text) {
+      invariants.scan(text);
+      out_ << text;
+    };
+    Narrator narrator(*scenario, print);
     std::vector<LabObserver*> observers{&invariants};
     if (!options.quiet) {
       observers.push_back(&narrator);
@@ -71,17 +75,24 @@ class Program {
     invariants.start(lab);
     lab.finish();
 
+    if (json.is_open()) {
+      const std::string report = jsonReport(lab);
+      invariants.scan(report);
+      if (!(json << report).flush()) {
+        complain(options.jsonFile, " cannot be written");
+        return badInput;
+      }
+    }
     if (!options.quiet) {
-      out_ << routerTables(lab) << trafficTable(lab) << "\n";
+      print(routerTables(lab) + trafficTable(lab) + "\n");
     }
     for (const Violation& violation : invariants.violations()) {
       out_ << "invariant violated: " << stringValue(violation) << "\n";
+      for (const std::string& event : violation.events) {
+        out_ << "    " << event << "\n";
+      }
     }
     out_ << verdictText(lab);
-    if (json.is_open() && !(json << jsonReport(lab)).flush()) {
-      complain(options.jsonFile, " cannot be written");
-      return badInput;
-    }
     return lab.held() && invariants.violations().empty() ? held : notHeld;
   }
 

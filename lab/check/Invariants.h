@@ -2,31 +2,26 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
-#include <set>
-#include <string>
+#include <string_view>
 #include <vector>
 
+#include "lab/check/Accounting.h"
+#include "lab/check/EntityChecks.h"
+#include "lab/check/Findings.h"
+#include "lab/check/PacketChecks.h"
+#include "lab/check/PathChecks.h"
+#include "lab/check/SecretScan.h"
+#include "lab/check/TableChecks.h"
 #include "lab/run/LabObserver.h"
 
 namespace tessel::lab {
 
 class Lab;
 
-/// An invariant that did not hold.
-struct Violation {
-  std::string invariant;  ///< Its name, see docs/lab.md.
-  Duration at;            ///< Virtual.
-  std::string where;      ///< Router, path.
-  std::string what;
-};
-
-/// "tables-agree at 12.5 s, east: <what>".
-std::string stringValue(const Violation& violation);
-
 /// Watches a lab and its packets, and looks through all tables at regular times. Changes nothing
-/// and draws nothing: a run that is watched is the same run.
+/// and draws nothing: a run that is watched is the same run. docs/invariants.md lists what it
+/// checks.
 class Invariants final : public LabObserver {
  public:
   Invariants();
@@ -34,44 +29,42 @@ class Invariants final : public LabObserver {
   Invariants& operator=(const Invariants&) = delete;
   ~Invariants() override;
 
-  /// Looks through the tables of `lab`, which this observes, from now on.
+  /// Looks through the tables of `lab`, which this observes, from now on. To be called before time
+  /// goes on.
   void start(Lab& lab, Duration every = seconds(10));
 
-  /// Every violation once: the first of each invariant and place.
-  const std::vector<Violation>& violations() const { return violations_; }
+  /// Every violation once: the first of each invariant and place, in the order of time.
+  const std::vector<Violation>& violations() const { return findings_.violations(); }
   /// How many times an invariant was evaluated: once per packet, path, router or log.
-  uint64_t evaluated() const { return evaluated_; }
+  uint64_t evaluated(Invariant invariant) const { return findings_.evaluated(invariant); }
+
+  /// Looks for secrets of the run in what it puts out: a line or a whole file, but no secret cut in
+  /// two. May also be called when the lab is gone.
+  void scan(std::string_view output);
 
   void handleRouterUp(Router& router) override;
   void handleRouterDown(Router& router) override;
+  void handleInnerPacket(Router& router, const ConnectionKey& path, BytesView inner) override;
+  void handlePublished(const std::string& router, const Controller::PeerKeyInfo* record) override;
+  void handleEvent(const Router& router, const LocalEvent& event) override;
+  void handleEvent(const Router& router, const PathEvent& event) override;
+  void handleEvent(const Router& router, const SecurityAssociationKey& key,
+                   const ConnectionKey& path, const SaEvent& event) override;
+  using LabObserver::handleEvent;
   void handleEnd() override;
 
  private:
-  class Packets;
-  /// Counter values [first, end) that an SA has sent under one key.
-  struct IvRange {
-    uint64_t first = 0;
-    uint64_t end = 0;
-  };
+  /// What can be looked at while there is a lab.
+  struct Checks;
 
-  void schedule(Lab& lab, Duration every);
-  void look(Lab& lab);
-  void checkTables(const Router& router);
-  void checkGenerations(const Router& router, Duration now);
-  void checkLogs(const Router& router);
-  void checkPath(const Lab& lab, const PathPlan& path);
-  void checkIv(const Router& router, const PacketSent& packet);
-  /// Counts an evaluation.
-  bool violated(bool held);
-  void add(const char* invariant, const std::string& where, const std::string& what);
+  void schedule(Duration every);
+  void look();
 
   Lab* lab_ = nullptr;
-  std::vector<std::unique_ptr<Packets>> packets_;
-  std::map<uint64_t, std::vector<IvRange>> ivs_;      // By the key's tag.
-  std::map<std::string, Duration> superfluousSince_;  // Generations that are to go.
-  std::vector<Violation> violations_;
-  std::set<std::string> known_;
-  uint64_t evaluated_ = 0;
+  Findings findings_;
+  uint64_t looks_ = 0;
+  SecretScan secrets_;
+  std::unique_ptr<Checks> checks_;
 };
 
 }  // namespace tessel::lab

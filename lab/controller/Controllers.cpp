@@ -5,6 +5,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "lab/controller/ControllersMember.h"
+
 namespace tessel::lab {
 namespace {
 
@@ -76,91 +78,15 @@ std::shared_ptr<const Controller::PeerKeyInfo> readRecord(const Controller::Loca
                               .received = 1});
 }
 
-/// What one router gets of one originator instead of the truth.
-struct Controllers::Fault {
-  bool withheld = false;
-  std::optional<RecordFault> present{};  ///< Spoils the record that stands.
-  std::optional<RecordFault> next{};     ///< Will spoil the record that is published next.
-};
-
-/// A record under its originator's address.
-struct Controllers::Entry {
-  Member* originator = nullptr;
-  Record record;
-};
-
-/// A record on its way to a router.
-struct Controllers::Message {
-  IpGenAddr address;
-  Record record;
-  uint64_t sequence;  ///< A higher number is a newer state of the directory.
-  size_t controller;
-  uint64_t session;
-};
-
-/// A router as the controllers know it.
-class Controllers::Member {
- public:
-  struct Session {
-    bool up = true;
-    uint64_t number = 0;  ///< Grows when a session ends: what is under way in it is then lost.
-  };
-
-  Member(Controllers& controllers, std::string name, Duration delay, size_t sessions)
-      : name_(std::move(name)), delay_(delay), sessions_(sessions), controllers_(controllers) {}
-
-  void handleLocalKeyDir(const Change& change) {
-    if (!change.is(Controller::LocalKeyDir::updateVersionName)) {
-      return;
-    }
-    // Read after the job that writes: a key that is destroyed and generated at once is one change.
-    post([this] { controllers_.takeRecord(*this); });
-  }
-
-  bool attached() const { return client_.scheduler != nullptr; }
-  bool connected() const {
-    return std::ranges::any_of(sessions_, [](const Session& session) { return session.up; });
-  }
-  /// Runs a job in the agent as it is now; not at all when that has gone down by then.
-  void post(std::function<void()> job) { postAfter(Duration(), std::move(job)); }
-  void postAfter(Duration delay, std::function<void()> job) {
-    client_.scheduler->at(client_.scheduler->clock().monotonicTime() + delay,
-                          [this, attachment = attachments_, job = std::move(job)] {
-                            if (attached() && attachment == attachments_) {
-                              job();
-                            }
-                          });
-  }
-
-  const std::string name_;
-  Duration delay_;
-  ControllerClient client_;
-  uint64_t attachments_ = 0;
-  Subscription localKeyDir_;
-  std::vector<Session> sessions_;
-  /// The `updateVersion` of the record that was taken last.
-  uint32_t takenVersion_ = 0;
-  /// Where the router's record is filed; unspecified: nowhere.
-  IpGenAddr address_;
-  /// By receiver.
-  KeyedCollection<std::string, Fault> faults_;
-  /// The newest state that this router was told of, by the originator's address.
-  KeyedCollection<IpGenAddr, uint64_t> delivered_;
-  /// What is held back.
-  std::deque<Message> waiting_;
-
- private:
-  Controllers& controllers_;
-};
-
 Controllers::Controllers(const std::vector<ControllerPlan>& plans, Audience audience,
-                         ControllersObserver* observer)
-    : plans_(plans), audience_(std::move(audience)), observer_(observer) {}
+                         ControllersObserver* observer, uint64_t seed)
+    : plans_(plans), audience_(std::move(audience)), observer_(observer), seed_(seed) {}
 
 Controllers::~Controllers() = default;
 
 void Controllers::routerIs(const std::string& router, Duration delay) {
-  members_.push_back(std::make_unique<Member>(*this, router, delay, plans_.size()));
+  members_.push_back(std::make_unique<Member>(*this, router, delay, plans_.size(),
+                                              streamSeed(seed_, router + "/delivery")));
 }
 
 void Controllers::attach(const std::string& router, const ControllerClient& client) {
@@ -183,6 +109,8 @@ void Controllers::detach(const std::string& router) {
   member.localKeyDir_.end();
   member.client_ = {};
   member.delivered_.clear();
+  member.waiting_.clear();
+  member.heldBack_.clear();
   for (Member::Session& session : member.sessions_) {
     ++session.number;
   }
@@ -233,37 +161,6 @@ void Controllers::controllerDelayIs(const std::string& controller, Duration dela
       plan.delay = delay;
     }
   }
-}
-
-void Controllers::heldIs(bool held) {
-  held_ = held;
-  for (const std::unique_ptr<Member>& each : members_) {
-    while (!held && !each->waiting_.empty()) {
-      deliverFirst(*each);
-    }
-  }
-}
-
-bool Controllers::waiting(const std::string& router) {
-  Member& receiver = member(router);
-  while (!receiver.waiting_.empty() && !isNews(receiver, receiver.waiting_.front())) {
-    receiver.waiting_.pop_front();
-  }
-  return !receiver.waiting_.empty();
-}
-
-void Controllers::deliverNext(const std::string& router) {
-  if (waiting(router)) {
-    deliverFirst(member(router));
-  }
-}
-
-void Controllers::deliverFirst(Member& receiver) {
-  if (receiver.attached()) {
-    receiver.post(
-        [this, &receiver, message = receiver.waiting_.front()] { deliver(receiver, message); });
-  }
-  receiver.waiting_.pop_front();
 }
 
 void Controllers::corrupt(const std::string& originator, const std::string& receiver,
@@ -365,21 +262,6 @@ void Controllers::openSession(Member& router, size_t controller) {
   }
 }
 
-void Controllers::send(const IpGenAddr& address, Member& receiver, size_t controller) {
-  const Entry& entry = *directory_.find(address);
-  if (entry.originator == &receiver || !audience_(entry.originator->name_, receiver.name_)) {
-    return;
-  }
-  Message message{.address = address,
-                  .record = recordFor(entry, receiver),
-                  .sequence = ++lastSequence_,
-                  .controller = controller,
-                  .session = receiver.sessions_[controller].number};
-  receiver.postAfter(
-      plans_[controller].delay + receiver.delay_,
-      [this, &receiver, message = std::move(message)] { receive(receiver, message); });
-}
-
 Controllers::Record Controllers::recordFor(const Entry& entry, const Member& receiver) const {
   const Fault* fault = entry.originator->faults_.find(receiver.name_);
   if (fault == nullptr || !entry.record) {
@@ -394,46 +276,6 @@ Controllers::Record Controllers::recordFor(const Entry& entry, const Member& rec
   const auto spoilt = std::make_shared<Controller::PeerKeyInfo>(*entry.record);
   spoil(*spoilt, *fault->present);
   return spoilt;
-}
-
-void Controllers::receive(Member& receiver, const Message& message) {
-  if (held_) {
-    receiver.waiting_.push_back(message);
-  } else {
-    deliver(receiver, message);
-  }
-}
-
-/// Whether a message tells the router something. Not when its session has ended, when it is late,
-/// or when it repeats what is known: another controller was faster, or it comes from a new session.
-bool Controllers::isNews(Member& receiver, const Message& message) {
-  if (!receiver.attached() || receiver.sessions_[message.controller].number != message.session) {
-    return false;
-  }
-  uint64_t& delivered = receiver.delivered_.emplace(message.address).first;
-  if (message.sequence < delivered) {
-    return false;
-  }
-  delivered = message.sequence;
-  const Controller::PeerKeyDir& dir = *receiver.client_.peerKeyDir;
-  const bool known = dir.ipsecPeerKeyInfoHas(message.address);
-  return message.record ? !known || dir.ipsecPeerKeyInfo(message.address) != *message.record
-                        : known;
-}
-
-void Controllers::deliver(Member& receiver, const Message& message) {
-  if (!isNews(receiver, message)) {
-    return;
-  }
-  if (observer_ != nullptr) {
-    observer_->handleDelivered(receiver.name_, message.address, message.record.get());
-  }
-  Controller::PeerKeyDir& dir = *receiver.client_.peerKeyDir;
-  if (message.record) {
-    dir.ipsecPeerKeyInfoIs(message.address, *message.record);
-  } else {
-    dir.ipsecPeerKeyInfoDel(message.address);
-  }
 }
 
 void Controllers::reportConnected(Member& router) {

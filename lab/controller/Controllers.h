@@ -27,6 +27,13 @@ struct ControllerClient {
 /// std::range_error, which names the field, for an algorithm code that a record cannot hold.
 std::shared_ptr<const Controller::PeerKeyInfo> readRecord(const Controller::LocalKeyDir& dir);
 
+/// What became of disturbed deliveries to a router, since the lab began.
+struct DeliveryCounts {
+  uint64_t repeated = 0;  ///< Written once more.
+  uint64_t outdated = 0;  ///< Arrived behind something newer and were dropped.
+  uint64_t skipped = 0;   ///< Never sent: something newer came while they waited.
+};
+
 /// Is told what passes between the controllers and the routers.
 class ControllersObserver {
  public:
@@ -58,7 +65,7 @@ class Controllers {
   using Audience = std::function<bool(const std::string& originator, const std::string& receiver)>;
 
   Controllers(const std::vector<ControllerPlan>& plans, Audience audience,
-              ControllersObserver* observer);
+              ControllersObserver* observer, uint64_t seed = 1);
   Controllers(const Controllers&) = delete;
   Controllers& operator=(const Controllers&) = delete;
   ~Controllers();
@@ -89,6 +96,9 @@ class Controllers {
   /// Delivers, in a job of the router, the first of what waits for it.
   void deliverNext(const std::string& router);
 
+  /// Misbehaves.
+  void mutantIs(Mutant mutant) { mutant_ = mutant; }
+
   /// Misbehaviour, for what `receiver` gets of `originator`; an empty receiver means every router.
   /// Records that arrive stay as they are until something newer is sent.
 
@@ -100,6 +110,13 @@ class Controllers {
   void withdrawRecord(const std::string& originator, const std::string& receiver);
   /// Ends both and sends the record as the originator published it last.
   void restoreRecord(const std::string& originator, const std::string& receiver);
+
+  /// Disturbs what is sent to `receiver` from now on, see `DisturbDelivery`. Random numbers come
+  /// from a stream of the receiver's own.
+  void disturb(const std::string& receiver, const DisturbDelivery& disturbance);
+  /// Ends it, and sends the receiver everything that the controllers hold.
+  void settle(const std::string& receiver);
+  const DeliveryCounts& deliveryCounts(const std::string& receiver) const;
 
  private:
   /// Null: withdrawn.
@@ -119,6 +136,11 @@ class Controllers {
   void receive(Member& receiver, const Message& message);
   void deliverFirst(Member& receiver);
   bool isNews(Member& receiver, const Message& message);
+  void hold(Member& receiver, Message message);
+  void dispatch(Member& receiver, const Message& message);
+  static Message again(Message message, uint64_t session);
+  static bool sameRecord(const Message& a, const Message& b);
+  void travel(Member& receiver, Message message, Duration way);
   void deliver(Member& receiver, const Message& message);
   void reportConnected(Member& router);
   Record recordFor(const Entry& entry, const Member& receiver) const;
@@ -128,10 +150,13 @@ class Controllers {
   std::vector<ControllerPlan> plans_;
   const Audience audience_;
   ControllersObserver* const observer_;
+  const uint64_t seed_;
   std::vector<std::unique_ptr<Member>> members_;  // In the order in which they were made known.
   KeyedCollection<IpGenAddr, Entry> directory_;   // Withdrawn records included.
   uint64_t lastSequence_ = 0;
   bool held_ = false;
+
+  Mutant mutant_ = Mutant::none;
 };
 
 }  // namespace tessel::lab

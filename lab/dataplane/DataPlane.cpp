@@ -114,7 +114,13 @@ void DataPlane::planInstallation(Sa& sa) {
   const InstallPlan plan = plan_ ? plan_(sa.report()) : InstallPlan{.delay = installDelay_};
   sa.installFails = plan.fails;
   sa.reported = plan.reported;
-  sa.timer->scheduleTaskDelay(plan.delay);
+  Duration delay = plan.delay;
+  if (mutant_ == Mutant::reportsEarly && sa.inbound) {
+    host_.counterTable->saCounterEntryIs(sa.key) = {
+        .addTime = static_cast<uint64_t>(host_.scheduler->clock().utcTime().seconds())};
+    delay += Duration(10);
+  }
+  sa.timer->scheduleTaskDelay(delay);
 }
 
 bool DataPlane::installationsWait() const {
@@ -183,7 +189,32 @@ void DataPlane::install(Sa& sa) {
   if (sa.lifetime && sa.lifetime->hardAddExpire() != 0) {
     sa.timer->scheduleTaskDelay(Duration(static_cast<double>(sa.lifetime->hardAddExpire())));
   }
+  if (mutant_ != Mutant::none) {
+    misinstall(sa);
+  }
   tell([&](DataPlaneObserver& observer) { observer.handleSaInstalled(sa.report()); });
+}
+
+/// What mutants do to an SA in the moment of its installation.
+void DataPlane::misinstall(Sa& sa) {
+  if (mutant_ == Mutant::restartsIv) {
+    sa.transform->restartIv();
+  } else if (mutant_ == Mutant::wrongKey && !sa.inbound) {
+    Bytes key(sa.entity->cryptoKey().view().begin(), sa.entity->cryptoKey().view().end());
+    key[0] ^= 1U;
+    const SecretBytes right = sa.entity->cryptoKey();
+    sa.entity->cryptoKeyIs(SecretBytes(key));
+    sa.transform.emplace(*sa.entity, EspTransform::Use::seal);
+    sa.entity->cryptoKeyIs(right);
+    sa.cipherChanged = false;
+  } else if (mutant_ == Mutant::dropsOldInSa && sa.inbound) {
+    for (const auto& [key, other] : sas_) {
+      if (other->inbound && other->path == sa.path && other.get() != &sa && other->installed()) {
+        uninstall(*other);
+        handleNotInstalled(*other, SaInstallState::failed, "replaced");
+      }
+    }
+  }
 }
 
 /// Takes an installed SA out of use; what an SA of the same SPI and key needs is kept.
@@ -249,6 +280,20 @@ bool DataPlane::refreshTransform(Sa& sa) {
     sa.resumeSequence();
   }
   return true;
+}
+
+void DataPlane::restartCounters(const ConnectionKey& path) {
+  for (const auto& [key, sa] : sas_) {
+    if (!sa->installed() || sa->path == nullptr || sa->path->key != path) {
+      continue;
+    }
+    if (sa->reported) {
+      IpsecCounters::IpsecSACounterEntry& entry = host_.counterTable->saCounterEntryIs(key);
+      entry.pkts = 0;
+      entry.bytes = 0;
+    }
+    host_.counterTable->sessionCounterEntryIs(key.reqid) = {};
+  }
 }
 
 // --- Reports

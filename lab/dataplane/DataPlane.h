@@ -45,6 +45,7 @@
 #include "host/runtime/TaskScheduler.h"
 #include "lab/dataplane/DataPlaneEvents.h"
 #include "lab/net/UdpPacket.h"
+#include "lab/scenario/Mutant.h"
 
 namespace tessel::lab {
 
@@ -110,6 +111,14 @@ class DataPlane {
   /// had to: all SAs that were handed over at that time.
   void installNext();
 
+  /// Misbehaves.
+  void mutantIs(Mutant mutant) { mutant_ = mutant; }
+
+  /// The counters of a path's installed SAs and of their request id start at 0 again in the counter
+  /// table; entries, add times and nonce words stay. The packets and bytes of a hard limit are
+  /// counted on.
+  void restartCounters(const ConnectionKey& path);
+
   void observerAdd(DataPlaneObserver& observer);
   void observerDel(DataPlaneObserver& observer);
 
@@ -146,6 +155,7 @@ class DataPlane {
   void planInstallation(Sa& sa);
   void install(Sa& sa);
   void uninstall(Sa& sa);
+  void misinstall(Sa& sa);
   void handleNotInstalled(Sa& sa, SaInstallState state, std::string why);
   bool refreshTransform(Sa& sa);
   void checkPacketLimits(Sa& sa);
@@ -166,6 +176,7 @@ class DataPlane {
   Duration installDelay_ = Duration(0.02);
   Duration probeInterval_ = Duration(10);
   PlanInstall plan_;
+  Mutant mutant_ = Mutant::none;
   Ptr<TimerTask> probeTimer_;
   std::vector<DataPlaneObserver*> observers_;
   uint64_t handOvers_ = 0;

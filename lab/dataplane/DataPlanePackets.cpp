@@ -45,7 +45,9 @@ std::optional<DropReason> DataPlane::sendPacket(const ConnectionKey& path, Bytes
     return dropSending(record, DropReason::noOutbound, sa.get());
   }
   const std::optional<uint8_t> protocol = innerProtocol(inner);
-  const std::array<uint8_t, kEspNonceSize> nonce = espNonceBytes(sa->nonceWord);
+  const uint32_t word =
+      mutant_ == Mutant::swapsNonce ? __builtin_bswap32(sa->nonceWord) : sa->nonceWord;
+  const std::array<uint8_t, kEspNonceSize> nonce = espNonceBytes(word);
   const BytesView tfc = sa->nonceWord != 0 ? BytesView(nonce) : BytesView();
   const size_t headers = udpHeadersSize(sa->entity->saddr().family());
   Bytes outer(headers + sa->transform->sealedSize(inner.size() + tfc.size()));
@@ -66,9 +68,7 @@ std::optional<DropReason> DataPlane::sendPacket(const ConnectionKey& path, Bytes
   count(*sa, inner.size());
   if (sa->nonceWord != 0 && !sa->nonceTold) {
     sa->nonceTold = true;
-    tell([&](DataPlaneObserver& observer) {
-      observer.handleNonceSent(sa->report(), sa->nonceWord);
-    });
+    tell([&](DataPlaneObserver& observer) { observer.handleNonceSent(sa->report(), word); });
   }
   tell([&](DataPlaneObserver& observer) {
     if (observer.wantsPackets()) {
@@ -80,6 +80,9 @@ std::optional<DropReason> DataPlane::sendPacket(const ConnectionKey& path, Bytes
            .outer = outer});
     }
   });
+  if (mutant_ == Mutant::losesPacket && record.statistics.sent % 100 == 0) {
+    return std::nullopt;
+  }
   transmit_(path, std::move(outer));
   return std::nullopt;
 }

@@ -72,6 +72,9 @@ class EspTransform {
   /// short, no whole number of blocks, or (behind a good ICV) padding that RFC 4303 does not allow.
   Opened open(std::span<uint8_t> esp);
 
+  /// Misbehaves: the IV counter begins at 0.
+  void restartIv() { ivCounter_ = 0; }
+
   /// One-way digest of the keys: equal for equal algorithms and keys.
   uint64_t keyTag() const { return keyTag_; }
 

@@ -13,8 +13,8 @@ namespace tessel::lab {
 /// likely as large ones. Exact to three digits, so that it survives being written and read.
 inline double drawBetween(LinkRandom& random, double low, double high) {
   const double value = low * std::pow(high / low, random.uniform());
-  const double unit = std::pow(10, std::floor(std::log10(value)) - 2);
-  return std::round(value / unit) * unit;
+  const double scale = std::pow(10, 2 - std::floor(std::log10(value)));
+  return std::round(value * scale) / scale;
 }
 
 inline Duration drawSpan(LinkRandom& random, double low, double high) {

@@ -65,6 +65,54 @@ Actions cut(Target& target, bool oneWay) {
           .end = RestoreLink{.path = path.name, .from = from}};
 }
 
+Actions burstLoss(Target& target) {
+  const PathPlan& path = target.path();
+  ChangeLink begin{.path = path.name, .from = target.end(path, 0.5)};
+  ChangeLink end = begin;
+  begin.burstStart = target.between(0.001, 0.1);
+  begin.burstEnd = target.between(0.02, 0.5);
+  end.burstStart = 0;
+  return {.begin = begin, .end = end};
+}
+
+/// Up to so late that the receiver's window has moved on.
+Actions reorder(Target& target) {
+  const PathPlan& path = target.path();
+  ChangeLink begin{.path = path.name, .from = target.end(path, 0.5)};
+  ChangeLink end = begin;
+  begin.reordering = target.between(0.01, 0.5);
+  begin.reorderDelay = target.span(0.05, 60);
+  end.reordering = 0;
+  return {.begin = begin, .end = end};
+}
+
+Actions disturbDelivery(Target& target) {
+  const std::string& router = target.router().name;
+  DisturbDelivery begin{.router = router};
+  const auto share = [&] {
+    return target.random().chance(0.5) ? std::optional(target.between(0.01, 1)) : std::nullopt;
+  };
+  begin.repeat = share();
+  begin.reorder = share();
+  begin.stale = share();
+  begin.late = target.span(0.1, 60);
+  if (target.random().chance(0.5)) {
+    begin.coalesce = target.span(1, 300);
+  } else if (!begin.repeat && !begin.reorder) {
+    begin.stale = target.between(0.01, 1);
+  }
+  return {.begin = begin, .end = SettleDelivery{.router = router}};
+}
+
+Actions disturbInstallation(Target& target) {
+  const std::string& router = target.router().name;
+  DisturbInstallation begin{.router = router, .delay = target.span(0.05, 10)};
+  if (target.random().chance(0.2)) {
+    begin.fail = target.between(0.01, 0.1);
+  }
+  return {.begin = begin, .end = SettleInstallation{.router = router}};
+}
+
 Actions loseController(Target& target) {
   const std::string& router = target.router().name;
   const std::string controller =
@@ -246,6 +294,7 @@ constexpr double kLong = 900;
 const KindRow kKinds[] = {
     {FaultKind::loss, "loss", 5, kLong, 1,
      [](Target& t) { return rateFault(t, &ChangeLink::loss, 0.005, 0.5); }},
+    {FaultKind::burstLoss, "burst-loss", 5, kLong, 1, burstLoss},
     {FaultKind::delay, "delay", 5, kLong, 1,
      [](Target& t) {
        const PathPlan& path = t.path();
@@ -257,8 +306,7 @@ const KindRow kKinds[] = {
      }},
     {FaultKind::jitter, "jitter", 5, kLong, 1,
      [](Target& t) { return linkFault(t, &ChangeLink::jitter, t.span(0.01, 1), Duration()); }},
-    {FaultKind::reordering, "reordering", 5, kLong, 1,
-     [](Target& t) { return rateFault(t, &ChangeLink::reordering, 0.01, 0.5); }},
+    {FaultKind::reordering, "reordering", 5, kLong, 1, reorder},
     {FaultKind::duplication, "duplication", 5, kLong, 1,
      [](Target& t) { return rateFault(t, &ChangeLink::duplication, 0.01, 1); }},
     {FaultKind::replay, "replay", 5, kLong, 1,
@@ -273,12 +321,20 @@ const KindRow kKinds[] = {
      [](Target&) { return Actions{.begin = LoseControllers{}, .end = RestoreControllers{}}; }},
     {FaultKind::controllersFlap, "controllers-flap", 0.1, 10, 8, loseController},
     {FaultKind::slowController, "slow-controller", 10, kLong, 1, slowController},
+    {FaultKind::disturbedDelivery, "disturbed-delivery", 10, kLong, 1, disturbDelivery},
     {FaultKind::recordWithdrawn, "record-withdrawn", 0.1, kLong, 1, withdrawRecord},
     {FaultKind::restart, "restart", 0, 0, 1, drawRestart},
     {FaultKind::pause, "pause", 1, 600, 1, drawPause},
     {FaultKind::slowInstallation, "slow-installation", 10, kLong, 1, slowInstallation},
+    {FaultKind::disturbedInstallation, "disturbed-installation", 10, kLong, 1, disturbInstallation},
     {FaultKind::failingInstallation, "failing-installation", 10, kLong, 1, failInstallation},
     {FaultKind::failingGeneration, "failing-generation", 10, kLong, 1, failGeneration},
+    {FaultKind::restartedCounters, "restarted-counters", 0, 0, 1,
+     [](Target& t) {
+       return onPath(t, [](const std::string& path, const std::string& router) {
+         return RestartCounters{.path = path, .router = router};
+       });
+     }},
     {FaultKind::peerRemoved, "peer-removed", 0.1, kLong, 1, drawPeerRemoved},
     {FaultKind::profile, "profile", 0.1, 300, 1, changeProfile},
     {FaultKind::routerId, "router-id", 1, 300, 1, changeRouterId},

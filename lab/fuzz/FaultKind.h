@@ -15,6 +15,7 @@ struct Fault;
 enum class FaultKind : uint8_t {
   // Links.
   loss,
+  burstLoss,
   delay,
   jitter,
   reordering,
@@ -29,13 +30,16 @@ enum class FaultKind : uint8_t {
   allControllersLost,
   controllersFlap,
   slowController,
+  disturbedDelivery,
   recordWithdrawn,
   // Routers.
   restart,
   pause,
   slowInstallation,
+  disturbedInstallation,
   failingInstallation,
   failingGeneration,
+  restartedCounters,
   peerRemoved,
   // Operators.
   profile,

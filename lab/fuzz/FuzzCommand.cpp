@@ -100,7 +100,9 @@ class Fuzz {
       sum.packets += outcome.packets;
       sum.saRekeys += outcome.saRekeys;
       sum.dhRekeys += outcome.dhRekeys;
-      sum.evaluated += outcome.evaluated;
+      for (size_t i = 0; i < kInvariants; ++i) {
+        sum.evaluated[i] += outcome.evaluated[i];
+      }
       sum.splitRoles += outcome.splitRoles;
       sum.refusedPaths += outcome.refusedPaths;
       sum.routersNoKey += outcome.routersNoKey;
@@ -143,7 +145,7 @@ class Fuzz {
     line("SA rekeys", grouped(sum.saRekeys));
     line("DH rekeys", grouped(sum.dhRekeys));
     line("faults", faultsText(sum));
-    line("invariants", grouped(sum.evaluated) + " times evaluated");
+    line("invariants", invariantsText(sum));
     line("rest", fmt::format("at most {:.0f} s after the last fault, of {:.0f} s that it may take",
                              sum.restAfter.seconds(), sum.restBound.seconds()));
     line("limits",
@@ -155,6 +157,17 @@ class Fuzz {
                           : fmt::format("failed: {} of {} seeds\n", failed_, outcomes_.size()));
     err_ << fmt::format("{:.0f} s, {:.0f} x real time\n", elapsed(),
                         sum.played.seconds() / elapsed());
+  }
+
+  static std::string invariantsText(const FuzzOutcome& sum) {
+    uint64_t all = 0;
+    std::string each;
+    for (size_t i = 0; i < kInvariants; ++i) {
+      all += sum.evaluated[i];
+      each += fmt::format("{}{} {}", i == 0 ? "" : ", ", invariantName(static_cast<Invariant>(i)),
+                          grouped(sum.evaluated[i]));
+    }
+    return grouped(all) + " times: " + each;
   }
 
   static std::string faultsText(const FuzzOutcome& sum) {
@@ -172,6 +185,9 @@ class Fuzz {
     out_ << fmt::format("seed {} failed\n", outcome.seed);
     for (const Violation& violation : outcome.violations) {
       out_ << "  " << stringValue(violation) << "\n";
+      for (const std::string& event : violation.events) {
+        out_ << "    " << event << "\n";
+      }
     }
     out_ << fmt::format(
         "  again: tessel-lab fuzz --seeds 1 --from {} --routers {}..{} --hours {}\n\n",

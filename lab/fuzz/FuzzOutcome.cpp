@@ -8,8 +8,8 @@ namespace tessel::lab {
 std::string outcomeText(const FuzzOutcome& outcome) {
   nlohmann::json violations = nlohmann::json::array();
   for (const Violation& violation : outcome.violations) {
-    violations.push_back(
-        {violation.invariant, violation.at.seconds(), violation.where, violation.what});
+    violations.push_back({violation.invariant, violation.at.seconds(), violation.where,
+                          violation.what, violation.events});
   }
   const nlohmann::json json = {{"seed", outcome.seed},
                                {"violations", violations},
@@ -51,7 +51,8 @@ FuzzOutcome readOutcome(const std::string& text) {
     outcome.violations.push_back({.invariant = violation.at(0),
                                   .at = seconds(violation.at(1)),
                                   .where = violation.at(2),
-                                  .what = violation.at(3)});
+                                  .what = violation.at(3),
+                                  .events = violation.at(4)});
   }
   return outcome;
 }

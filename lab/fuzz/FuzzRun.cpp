@@ -27,6 +27,7 @@ class FuzzRun {
     outcome_.restBound = restBound(drawn_.mesh);
     invariants_.start(lab_);
     lab_.runUntil(drawn_.faultsEnd);
+    noteRefusedSas();
     if (!comesToRest()) {
       cureSplitRoles();
       cureRefusedSas();
@@ -60,7 +61,7 @@ class FuzzRun {
       std::erase_if(paths, [&](const PathPlan* path) { return isAtRest(*path); });
       std::erase_if(routers, [&](const Router* router) {
         std::string why = whyNotAtRest(*router);
-        return why.empty() || (unrest_ = why, disturbed_ = router->name(), false);
+        return why.empty() || (unrest_ = why, disturbed_ = {.routers = {router->name()}}, false);
       });
       if (paths.empty() && routers.empty()) {
         outcome_.restAfter = lab_.now() - begin;
@@ -79,7 +80,7 @@ class FuzzRun {
       return true;
     }
     unrest_ = std::move(why);
-    disturbed_ = "path " + path.name;
+    disturbed_ = placeOf(path);
     return false;
   }
 
@@ -87,13 +88,28 @@ class FuzzRun {
 
   void cureRefusedSas() {
     for (const PathPlan& path : lab_.scenario().paths) {
-      if (!whyNotAtRest(lab_, path).empty() && (waitsForSa(path, 0) || waitsForSa(path, 1))) {
-        ++outcome_.refusedPaths;
+      if (whyNotAtRest(lab_, path).empty()) {
+        continue;
+      }
+      const bool waits = waitsForSa(path);
+      if (waits) {
         lab_.apply(ClearPath{.path = path.name});
+      }
+      // A DH rekey may have ended the wait, but late.
+      outcome_.refusedPaths += waits || refused_.contains(path.name) ? 1 : 0;
+    }
+  }
+
+  void noteRefusedSas() {
+    lab_.run(kSanityPass + kLook);
+    for (const PathPlan& path : lab_.scenario().paths) {
+      if (waitsForSa(path)) {
+        refused_.insert(path.name);
       }
     }
   }
 
+  bool waitsForSa(const PathPlan& path) const { return waitsForSa(path, 0) || waitsForSa(path, 1); }
   /// Whether an SA of the path was never reported as installed, and for longer than that can take.
   bool waitsForSa(const PathPlan& path, int end) const {
     const Router& router = lab_.router(path.ends[end].router);
@@ -140,7 +156,7 @@ class FuzzRun {
     for (size_t i = 0; i < after.size(); ++i) {
       const uint64_t lost = after[i].packets.lost - before[i].packets.lost;
       if (lost > 0) {
-        add("rest-loses-nothing", "path " + after[i].path,
+        add("rest-loses-nothing", placeOf(*lab_.scenario().path(after[i].path)),
             fmt::format("{} packets from {}", lost, after[i].from));
       }
     }
@@ -150,7 +166,9 @@ class FuzzRun {
     outcome_.routers = static_cast<uint32_t>(lab_.routers().size());
     outcome_.paths = static_cast<uint32_t>(lab_.scenario().paths.size());
     outcome_.played = lab_.now();
-    outcome_.evaluated = invariants_.evaluated();
+    for (size_t i = 0; i < kInvariants; ++i) {
+      outcome_.evaluated[i] = invariants_.evaluated(static_cast<Invariant>(i));
+    }
     for (const Fault& fault : drawn_.faults) {
       ++outcome_.faults[static_cast<size_t>(fault.kind)];
     }
@@ -171,9 +189,12 @@ class FuzzRun {
     outcome_.digest = digest_.finish(lab_);
   }
 
-  void add(const char* invariant, const std::string& where, const std::string& what) {
-    outcome_.violations.push_back(
-        {.invariant = invariant, .at = lab_.now(), .where = where, .what = what});
+  void add(const char* invariant, const Place& place, std::string what) {
+    outcome_.violations.push_back(violationAt(&lab_, invariant, place, std::move(what)));
+  }
+
+  static Place placeOf(const PathPlan& path) {
+    return {.routers = {path.ends[0].router, path.ends[1].router}, .path = path.name};
   }
 
   const FuzzCase& drawn_;
@@ -182,7 +203,8 @@ class FuzzRun {
   Lab lab_;
   FuzzOutcome outcome_;
   std::string unrest_;
-  std::string disturbed_;
+  Place disturbed_;
+  std::set<std::string> refused_;  // Paths.
 };
 
 }  // namespace

@@ -29,7 +29,7 @@ struct FuzzOutcome {
   uint64_t packets = 0;  ///< That were on the links, probes included.
   uint64_t saRekeys = 0;
   uint64_t dhRekeys = 0;
-  uint64_t evaluated = 0;  ///< Invariants, each time.
+  std::array<uint64_t, kInvariants> evaluated{};  ///< How often, each.
   std::array<uint64_t, kFaultKinds> faults{};
   // Limits of the design that only an operator ends, see docs/limits.md. The run did what an
   // operator does, and only then could come to rest.

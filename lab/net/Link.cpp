@@ -153,6 +153,7 @@ class Link::Direction final : public RefCounted {
 
   void settingsIs(const LinkSettings& settings) {
     settings_ = settings;
+    inBurst_ = inBurst_ && settings.burstStartRate > 0;
     trimRecording();
   }
   const LinkSettings& settings() const { return settings_; }

@@ -1,9 +1,19 @@
-// LinkRandom: a small reproducible generator for what the network does to packets.
+// LinkRandom: a small reproducible generator for what the lab does to packets, records and SAs.
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 namespace tessel::lab {
+
+/// The seed of a stream of random numbers of its own, by FNV-1a: the same on every machine.
+constexpr uint64_t streamSeed(uint64_t seed, std::string_view stream) {
+  uint64_t hash = 0xCBF29CE484222325U ^ seed;
+  for (const char character : stream) {
+    hash = (hash ^ static_cast<uint8_t>(character)) * 0x100000001B3U;
+  }
+  return hash;
+}
 
 /// SplitMix64: 64 bits of state, the same numbers on every machine. Not for keys.
 class LinkRandom {

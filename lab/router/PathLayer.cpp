@@ -26,6 +26,9 @@ void PathLayer::remove(const ConnectionKey& key) {
   }
   entities_.ipsecDpsPathConfig->ipsecPathConfigDel(key);
   announce(key);
+  if (mutant_ == Mutant::takesNeighbour && !entities_.tesselV1->sa().keys().empty()) {
+    entities_.tesselV1->saDel(entities_.tesselV1->sa().keys().front());
+  }
   const Ptr<MergeConnectionInfo> merged = entities_.mergeData->connectionInfo(mergeKey(key));
   if (merged->connection().size() == 1) {
     entities_.mergeData->connectionInfoDel(mergeKey(key));

@@ -42,6 +42,8 @@ class PathLayer {
   void update(const PathEnd& end);
   /// Changes the path's merged data, at which the machine looks at the path again.
   void announce(const ConnectionKey& key);
+  /// Misbehaves.
+  void mutantIs(Mutant mutant) { mutant_ = mutant; }
   bool has(const ConnectionKey& key) const;
 
  private:
@@ -49,6 +51,7 @@ class PathLayer {
 
   RouterEntities& entities_;
   uint64_t lastVersion_ = 0;
+  Mutant mutant_ = Mutant::none;
 };
 
 }  // namespace tessel::lab

@@ -23,7 +23,7 @@ RunningRouter::~RunningRouter() {
   dataPlane.reset();
 }
 
-Router::Router(const RouterPlan& plan, uint32_t index, Ptr<VirtualTime> time,
+Router::Router(const RouterPlan& plan, uint32_t index, uint64_t seed, Ptr<VirtualTime> time,
                Controllers& controllers, RouterObserver& observer)
     : name_(plan.name),
       index_(index),
@@ -33,7 +33,8 @@ Router::Router(const RouterPlan& plan, uint32_t index, Ptr<VirtualTime> time,
       settings_(plan.settings),
       routerId_(plan.routerId),
       vtepAddress_(plan.routerId),
-      appliedProfile_(plan.settings.profile.name) {
+      appliedProfile_(plan.settings.profile.name),
+      installRandom_(streamSeed(seed, name_ + "/installation")) {
   controllers_.routerIs(name_, settings_.controllerDelay);
 }
 
@@ -182,6 +183,8 @@ void Router::bringUp() {
         observer_.handleInnerPacket(*this, key, inner);
       });
   agent.dataPlane->probeIntervalIs(probeInterval_);
+  agent.dataPlane->mutantIs(mutant_);
+  agent.pathLayer.mutantIs(mutant_);
   agent.dataPlane->installPlanIs([this](const SaReport& sa) { return planInstall(sa); });
   connectPaths();
 
@@ -216,6 +219,14 @@ void Router::connectPaths() {
 InstallPlan Router::planInstall(const SaReport& sa) {
   using Fault = FailInstallation;
   InstallPlan plan{.delay = settings_.installDelay};
+  if (installDisturbance_) {
+    // Both numbers, whatever they are for: one fault leaves the other as it is.
+    const double share = installRandom_.uniform();
+    plan.fails = installRandom_.uniform() < installDisturbance_->fail.value_or(0);
+    if (installDisturbance_->delay) {
+      plan.delay = *installDisturbance_->delay * share;
+    }
+  }
   RouterPath* const at = path(sa.path);
   if (at == nullptr || !at->installFault) {
     return plan;

@@ -12,6 +12,7 @@
 #include "lab/controller/Controllers.h"
 #include "lab/dataplane/DataPlane.h"
 #include "lab/net/Link.h"
+#include "lab/net/LinkRandom.h"
 #include "lab/router/PathLayer.h"
 #include "lab/router/PathView.h"
 #include "lab/router/RouterEntities.h"
@@ -74,8 +75,9 @@ struct RunningRouter {
 /// A router. Everything that is done to its agent is done in jobs of the agent's scheduler.
 class Router {
  public:
-  Router(const RouterPlan& plan, uint32_t index, Ptr<VirtualTime> time, Controllers& controllers,
-         RouterObserver& observer);
+  /// `seed` is the scenario's.
+  Router(const RouterPlan& plan, uint32_t index, uint64_t seed, Ptr<VirtualTime> time,
+         Controllers& controllers, RouterObserver& observer);
   Router(const Router&) = delete;
   Router& operator=(const Router&) = delete;
   ~Router();
@@ -104,6 +106,11 @@ class Router {
   /// Whether a profile's configuration has been taken away.
   bool profileRemoved(const std::string& profileName) const;
   void profileRemovedIs(const std::string& profileName, bool removed);
+
+  /// How installations go wrong from now on; nothing: as the settings say.
+  void installDisturbanceIs(std::optional<DisturbInstallation> disturbance) {
+    installDisturbance_ = std::move(disturbance);
+  }
 
   /// Part of the mesh; one that is not is neither started nor known to others.
   bool present() const { return present_; }
@@ -151,6 +158,8 @@ class Router {
 
   /// How often idle paths are probed, from the next start on.
   void probeIntervalIs(Duration interval) { probeInterval_ = interval; }
+  /// Misbehaves from the next start on.
+  void mutantIs(Mutant mutant) { mutant_ = mutant; }
 
  private:
   void bringUp();
@@ -168,8 +177,11 @@ class Router {
   IpGenAddr vtepAddress_;
   std::string appliedProfile_;
   std::vector<std::string> removedProfiles_;
+  std::optional<DisturbInstallation> installDisturbance_;
+  LinkRandom installRandom_;
   bool present_ = true;
   Duration probeInterval_ = Duration::never();
+  Mutant mutant_ = Mutant::none;
   std::vector<std::unique_ptr<RouterPath>> paths_;
   KeyedCollection<ConnectionKey, RouterPath*> pathsByKey_;
 

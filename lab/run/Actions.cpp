@@ -152,6 +152,14 @@ class Actor {
     });
   }
 
+  void operator()(const DisturbDelivery& action) {
+    forEachRouter(action.router,
+                  [&](Router& router) { lab_.controllers().disturb(router.name(), action); });
+  }
+  void operator()(const SettleDelivery& action) {
+    forEachRouter(action.router, [&](Router& router) { lab_.controllers().settle(router.name()); });
+  }
+
   // Keys and configuration.
 
   void operator()(const ForceDhRekey& action) {
@@ -297,6 +305,19 @@ class Actor {
   }
   void operator()(const RestoreInstallation& action) {
     forEachEnd(action, [](Router&, RouterPath& path) { path.installFault.reset(); });
+  }
+  void operator()(const DisturbInstallation& action) {
+    forEachRouter(action.router, [&](Router& router) { router.installDisturbanceIs(action); });
+  }
+  void operator()(const SettleInstallation& action) {
+    forEachRouter(action.router, [](Router& router) { router.installDisturbanceIs(std::nullopt); });
+  }
+  void operator()(const RestartCounters& action) {
+    forEachEnd(action, [](Router& router, RouterPath& path) {
+      if (router.up()) {
+        router.dataPlane().restartCounters(path.end.key);
+      }
+    });
   }
 
  private:

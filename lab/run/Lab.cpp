@@ -5,9 +5,12 @@
 #include <stdexcept>
 #include <utility>
 
+#include <fmt/format.h>
+
 #include "host/facility/Toggles.h"
 #include "lab/run/Actions.h"
 #include "lab/run/Expectations.h"
+#include "lab/run/Mutants.h"
 #include "lab/toggles/LoadToggles.h"
 
 namespace tessel::lab {
@@ -104,6 +107,9 @@ class Lab::Hub final : public LabObserver, public AgentLogSink, public TraceSink
       if (router->name() == line.context) {
         lab_.history(*router).handleLog(line);
       }
+    }
+    if (lab_.scenario_.mutant == Mutant::printsKey) {
+      lab_.log_.back().text += lab_.anyKey();
     }
     tell([&](LabObserver& each) { each.handleLog(line); });
   }
@@ -226,6 +232,20 @@ void Lab::apply(const Action& action) {
   runUntil(now());
 }
 
+std::string Lab::anyKey() const {
+  std::string digits;
+  for (const std::unique_ptr<Router>& router : routers_) {
+    if (router->up() && digits.empty() && !router->entities().tesselV1->sa().keys().empty()) {
+      const auto key = router->entities().tesselV1->sa().keys().front();
+      for (const uint8_t byte :
+           (*router->entities().tesselV1->sa().find(key))->cryptoKey().view()) {
+        digits += fmt::format("{:02x}", byte);
+      }
+    }
+  }
+  return digits;
+}
+
 bool Lab::held() const {
   return std::ranges::all_of(verdicts_, &Verdict::held);
 }
@@ -249,6 +269,7 @@ void Lab::build() {
   }
   scheduleTimeline();
   scheduleChecks();
+  startMutant(*this);
 }
 
 void Lab::buildRouters() {
@@ -260,12 +281,15 @@ void Lab::buildRouters() {
     const auto& paths = router(originator).paths();
     return std::ranges::any_of(paths, [&](const auto& path) { return path->end.peer == receiver; });
   };
-  controllers_ =
-      std::make_unique<Controllers>(scenario_.controllers, std::move(audience), hub_.get());
+  controllers_ = std::make_unique<Controllers>(scenario_.controllers, std::move(audience),
+                                               hub_.get(), scenario_.seed);
+  controllers_->mutantIs(scenario_.mutant);
   for (const RouterPlan& plan : scenario_.routers) {
     const auto index = static_cast<uint32_t>(routers_.size());
-    routers_.push_back(std::make_unique<Router>(plan, index, time_, *controllers_, *hub_));
+    routers_.push_back(
+        std::make_unique<Router>(plan, index, scenario_.seed, time_, *controllers_, *hub_));
     routers_.back()->presentIs(plan.present);
+    routers_.back()->mutantIs(scenario_.mutant);
     routers_.back()->probeIntervalIs(scenario_.probes.on ? scenario_.probes.interval
                                                          : Duration::never());
     histories_.push_back(std::make_unique<RouterHistory>(*routers_.back(), *hub_));

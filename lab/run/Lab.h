@@ -104,6 +104,7 @@ class Lab {
   void scheduleChecks();
   void check(const Expectation& expectation);
   std::string firstPathDown() const;
+  std::string anyKey() const;  // For a mutant alone.
 
   const Scenario scenario_;
   const Ptr<VirtualTime> time_;

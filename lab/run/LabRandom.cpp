@@ -2,21 +2,9 @@
 
 #include "host/crypto/NonceGenerator.h"
 #include "host/facility/Trace.h"
+#include "lab/net/LinkRandom.h"
 
 namespace tessel::lab {
-namespace {
-
-/// FNV-1a, the same on every machine.
-uint64_t streamSeed(uint64_t seed, std::string_view name) {
-  uint64_t hash = 0xCBF29CE484222325U ^ seed;
-  for (const char character : name) {
-    hash = (hash ^ static_cast<uint8_t>(character)) * 0x100000001B3U;
-  }
-  return hash;
-}
-
-}  // namespace
-
 bool LabRandom::fill(std::span<uint8_t> out) {
   const TraceContext* context = TraceContext::current();
   const std::string drawer(context == nullptr ? std::string_view() : context->name());
@@ -27,7 +15,11 @@ bool LabRandom::fill(std::span<uint8_t> out) {
   if (made) {
     stream = makePtr<SeededRandomSource>(streamSeed(seed_, drawer));
   }
-  return stream->fill(out);
+  const bool filled = stream->fill(out);
+  if (filled && drawn_) {
+    drawn_(drawer, out);
+  }
+  return filled;
 }
 
 void LabRandom::failNext(const std::string& router, FailGeneration::What what, uint32_t times,

@@ -2,12 +2,15 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "host/crypto/RandomSource.h"
 #include "host/entity/KeyedCollection.h"
+#include "host/model/Bytes.h"
 #include "lab/scenario/Scenario.h"
 
 namespace tessel::lab {
@@ -29,6 +32,10 @@ class LabRandom final : public RandomSource {
   /// Digest of the states of all streams.
   uint64_t stateHash() const;
 
+  /// Is told who drew which bytes: an agent by its router's name, a data path as "<router>/data".
+  using Drawn = std::function<void(std::string_view drawer, BytesView bytes)>;
+  void drawnIs(Drawn drawn) { drawn_ = std::move(drawn); }
+
  private:
   struct Failures {
     size_t length = 0;  ///< Of the draws that fail.
@@ -40,6 +47,7 @@ class LabRandom final : public RandomSource {
   const uint64_t seed_;
   KeyedCollection<std::string, Ptr<SeededRandomSource>> streams_;
   KeyedCollection<std::string, Failures> failures_;
+  Drawn drawn_;
 };
 
 }  // namespace tessel::lab

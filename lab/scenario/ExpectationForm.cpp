@@ -73,17 +73,21 @@ struct ListedKind {
 /// One state or several; "absent" stands for none.
 struct StatesKind {
   bool read(const Field& field, std::vector<DynamicPathState>& states) const {
-    const bool several = field.node().kind == YamlNode::Kind::sequence;
-    for (const Field& item : several ? field.items() : std::vector<Field>{field}) {
-      DynamicPathState state{};
-      if (stateKind().read(item, state)) {
-        states.push_back(state);
-      }
+    if (field.node().kind != YamlNode::Kind::sequence) {
+      readOne(field, states);
+      return true;
     }
-    if (several && field.node().items.empty()) {
-      return field.refuse("expected a state; \"absent\" says that the path is not there");
+    for (const Field& item : field.items()) {
+      readOne(item, states);
     }
-    return true;
+    return !field.node().items.empty() ||
+           field.refuse("expected a state; \"absent\" says that the path is not there");
+  }
+  static void readOne(const Field& field, std::vector<DynamicPathState>& states) {
+    DynamicPathState state{};
+    if (stateKind().read(field, state)) {
+      states.push_back(state);
+    }
   }
   static ModelNameKind<DynamicPathState> stateKind() {
     static const auto names = modelNames<DynamicPathState>(kDynamicPathStates);

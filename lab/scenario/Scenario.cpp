@@ -17,10 +17,15 @@ void forEachLinkMember(Visit visit) {
   visit(&ChangeLink::latency, &LinkSettings::latency);
   visit(&ChangeLink::jitter, &LinkSettings::jitter);
   visit(&ChangeLink::loss, &LinkSettings::lossRate);
+  visit(&ChangeLink::burstStart, &LinkSettings::burstStartRate);
+  visit(&ChangeLink::burstEnd, &LinkSettings::burstEndRate);
   visit(&ChangeLink::duplication, &LinkSettings::duplicateRate);
+  visit(&ChangeLink::duplicateDelay, &LinkSettings::duplicateDelay);
   visit(&ChangeLink::reordering, &LinkSettings::reorderRate);
+  visit(&ChangeLink::reorderDelay, &LinkSettings::reorderDelay);
   visit(&ChangeLink::corruption, &LinkSettings::bitFlipRate);
   visit(&ChangeLink::replay, &LinkSettings::replayRate);
+  visit(&ChangeLink::replayDepth, &LinkSettings::replayDepth);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "host/model/Duration.h"
+#include "lab/scenario/Mutant.h"
 #include "lab/scenario/ScenarioActions.h"
 #include "lab/scenario/ScenarioFacts.h"
 #include "lab/scenario/ScenarioPlans.h"
@@ -54,6 +55,8 @@ struct Scenario {
   std::vector<Expectation> expectations{};
   /// Toggles by name, over what the toggle file says.
   std::map<std::string, bool> toggles{};
+  /// What the lab does wrong. Files cannot say it.
+  Mutant mutant = Mutant::none;
 
   friend bool operator==(const Scenario&, const Scenario&) = default;
 

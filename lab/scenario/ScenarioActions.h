@@ -60,10 +60,15 @@ struct ChangeLink {
   std::optional<Duration> latency{};
   std::optional<Duration> jitter{};
   std::optional<double> loss{};
+  std::optional<double> burstStart{};
+  std::optional<double> burstEnd{};
   std::optional<double> duplication{};
+  std::optional<Duration> duplicateDelay{};
   std::optional<double> reordering{};
+  std::optional<Duration> reorderDelay{};
   std::optional<double> corruption{};
   std::optional<double> replay{};
+  std::optional<uint32_t> replayDepth{};
   friend bool operator==(const ChangeLink&, const ChangeLink&) = default;
 };
 /// The settings of a link after the change.
@@ -240,6 +245,25 @@ struct RestoreRecord {
   std::string at{};
   friend bool operator==(const RestoreRecord&, const RestoreRecord&) = default;
 };
+/// Disturbs the way of the records from the controllers to a router, until `SettleDelivery`. Shares
+/// are of the deliveries, 0 to 1; absent: none. The directory keeps the newest record whatever
+/// comes.
+struct DisturbDelivery {
+  std::string router{};             ///< Which receives.
+  std::optional<double> repeat{};   ///< Come a second time.
+  std::optional<double> reorder{};  ///< Are held up while others overtake them.
+  std::optional<double> stale{};    ///< Are followed by the record that stood before.
+  /// Each delivery waits for so long, and what is newer meanwhile goes in its place.
+  std::optional<Duration> coalesce{};
+  /// What is repeated, held up or stale comes up to so much later.
+  Duration late = seconds(10);
+  friend bool operator==(const DisturbDelivery&, const DisturbDelivery&) = default;
+};
+/// Ends it: the router gets the last record of every other.
+struct SettleDelivery {
+  std::string router{};
+  friend bool operator==(const SettleDelivery&, const SettleDelivery&) = default;
+};
 /// The next `times` generations of a nonce or a DH key at a router fail.
 struct FailGeneration {
   enum class What { nonce, dhKey };
@@ -268,6 +292,25 @@ struct RestoreInstallation {
   std::string router{};
   friend bool operator==(const RestoreInstallation&, const RestoreInstallation&) = default;
 };
+/// SAs that are handed over at a router from now on are installed at random times, and in another
+/// order, or not at all. `FailInstallation` applies besides.
+struct DisturbInstallation {
+  std::string router{};
+  std::optional<Duration> delay{};  ///< From 0 up to this, instead of the install delay.
+  std::optional<double> fail{};     ///< Share that is refused, 0 to 1.
+  friend bool operator==(const DisturbInstallation&, const DisturbInstallation&) = default;
+};
+/// Later SAs are installed as usual.
+struct SettleInstallation {
+  std::string router{};
+  friend bool operator==(const SettleInstallation&, const SettleInstallation&) = default;
+};
+/// The counters of a path and of its installed SAs start at 0 again in the counter table.
+struct RestartCounters {
+  std::string path{};
+  std::string router{};
+  friend bool operator==(const RestartCounters&, const RestartCounters&) = default;
+};
 /// Test knob: every path of the router counts as active.
 struct ForcePathActive {
   std::string router{};
@@ -283,6 +326,7 @@ using Action =
                  AddRouter, PauseRouter, ResumeRouter, RemovePath, AddPath, ChangeRouterId,
                  ChangeProfile, RemoveProfile, RestoreProfile, ChangeSa, CorruptRecord,
                  WithdrawRecord, RestoreRecord, FailGeneration, FailInstallation,
-                 RestoreInstallation, ForcePathActive>;
+                 RestoreInstallation, ForcePathActive, DisturbDelivery, SettleDelivery,
+                 DisturbInstallation, SettleInstallation, RestartCounters>;
 
 }  // namespace tessel::lab

@@ -163,10 +163,15 @@ void describeLink(Form& form, ChangeLink& link) {
   form.optional("latency", link.latency, TimeKind());
   form.optional("jitter", link.jitter, TimeKind());
   form.optional("loss", link.loss, ShareKind());
+  form.optional("burst-start", link.burstStart, ShareKind());
+  form.optional("burst-end", link.burstEnd, ShareKind());
   form.optional("duplication", link.duplication, ShareKind());
+  form.optional("duplicate-delay", link.duplicateDelay, TimeKind());
   form.optional("reordering", link.reordering, ShareKind());
+  form.optional("reorder-delay", link.reorderDelay, TimeKind());
   form.optional("corruption", link.corruption, ShareKind());
   form.optional("replay", link.replay, ShareKind());
+  form.optional("replay-depth", link.replayDepth, CountKind<uint32_t>{.least = 1, .most = 100'000});
 }
 
 }  // namespace tessel::lab

@@ -176,7 +176,7 @@ void describeFailGeneration(Form& form, FailGeneration& action) {
                                                     {"dh-key", FailGeneration::What::dhKey}};
   atRouter(form, action);
   form.required("what", action.what, NameKind{"something that is generated", kinds});
-  form.defaulted("times", action.times, FailGeneration().times, CountKind<uint32_t>{.least = 1});
+  form.defaulted("times", action.times, FailGeneration().times, CountKind<uint32_t>{});
 }
 
 void describeFailInstallation(Form& form, FailInstallation& action) {
@@ -193,6 +193,23 @@ void describeFailInstallation(Form& form, FailInstallation& action) {
 void describeForcePathActive(Form& form, ForcePathActive& action) {
   atRouter(form, action);
   form.defaulted("on", action.on, true, SwitchKind());
+}
+
+void describeDisturbDelivery(Form& form, DisturbDelivery& action) {
+  atRouter(form, action);
+  form.optional("repeat", action.repeat, ShareKind());
+  form.optional("reorder", action.reorder, ShareKind());
+  form.optional("stale", action.stale, ShareKind());
+  form.optional("coalesce", action.coalesce, TimeKind());
+  form.requireAnOptional();
+  form.defaulted("late", action.late, DisturbDelivery().late, TimeKind());
+}
+
+void describeDisturbInstallation(Form& form, DisturbInstallation& action) {
+  atRouter(form, action);
+  form.optional("delay", action.delay, TimeKind());
+  form.optional("fail", action.fail, ShareKind());
+  form.requireAnOptional();
 }
 
 /// Probes have a name for on and one for off.
@@ -242,6 +259,11 @@ const std::vector<Choice<Action>>& actions() {
       choice<Action>("fail-generation", describeFailGeneration),
       choice<Action>("fail-installation", describeFailInstallation),
       choice<Action>("restore-installation", onPath<RestoreInstallation>),
+      choice<Action>("disturb-delivery", describeDisturbDelivery),
+      choice<Action>("settle-delivery", atRouter<SettleDelivery>),
+      choice<Action>("disturb-installation", describeDisturbInstallation),
+      choice<Action>("settle-installation", atRouter<SettleInstallation>),
+      choice<Action>("restart-counters", onPath<RestartCounters>),
       choice<Action>("force-path-active", describeForcePathActive)};
   return all;
 }

@@ -1,6 +1,7 @@
 // The controllers between routers that have no machine: who gets which record when, and what a
 // lost connection, a restart and a corrupt record do to that.
 #include "lab/controller/Controllers.h"
+#include "lab/net/LinkRandom.h"
 
 namespace tessel::lab {
 namespace {
@@ -253,6 +254,80 @@ TEST_F(ControllersTest, SpoilTheNextPublicationAndNoOther) {
   east.publish(3);
   run(2);
   EXPECT_EQ(west.peers->ipsecPeerKeyInfo(east.address()).dhGroup, 19U);
+}
+
+/// The generations of a router in the order in which another one's machine would see them.
+class Watch {
+ public:
+  Watch(const Site& at, const Site& of) : at_(at), of_(of) {
+    subscription_.attach<&Watch::handlePeers>(*at.peers, *this);
+  }
+  std::vector<uint64_t> seen;
+
+ private:
+  void handlePeers(const Change&) { seen.push_back(at_.generationOf(of_).value()); }
+  const Site& at_;
+  const Site& of_;
+  Subscription subscription_;
+};
+
+// 30 generations of east, while west's deliveries are disturbed in every way, their delay changes
+// and the connection comes and goes.
+TEST(DisturbedDelivery, NeverGoesBackAndEndsWithTheLastRecord) {
+  DeliveryCounts all;
+  for (uint64_t seed = 1; seed <= 20; ++seed) {
+    SCOPED_TRACE(seed);
+    const Ptr<VirtualTime> time = makePtr<VirtualTime>();
+    Controllers controllers(
+        {{"fast", seconds(1)}, {"slow", seconds(3)}},
+        [](const std::string&, const std::string&) { return true; }, nullptr, seed);
+    Site east(time, controllers, "east", 1);
+    Site west(time, controllers, "west", 2);
+    const Watch watch(west, east);
+    controllers.disturb("west",
+                        {.repeat = 0.5,
+                         .reorder = 0.5,
+                         .stale = 0.5,
+                         .coalesce = seed % 2 == 0 ? std::optional(seconds(8)) : std::nullopt,
+                         .late = seconds(20)});
+    LinkRandom random(seed);
+    for (uint64_t generation = 0; generation < 30; ++generation) {
+      east.publish(generation);
+      time->runFor(seconds(10 * random.uniform()));
+      controllers.routerDelayIs("west", seconds(5 * random.uniform()));
+      controllers.connectedIs("west", "fast", random.chance(0.7));
+      controllers.connectedIs("west", "slow", random.chance(0.7));
+    }
+    controllers.connectedIs("west", "", true);
+    controllers.settle("west");
+    time->runFor(seconds(10));
+    EXPECT_TRUE(std::ranges::is_sorted(watch.seen, std::less_equal())) << "none twice, none back";
+    EXPECT_EQ(west.generationOf(east), 29U);
+    EXPECT_EQ(west.peers->ipsecPeerKeyInfo(east.address()), *readRecord(*east.local));
+    time->runFor(seconds(100));  // What was held up comes in, too late.
+    EXPECT_EQ(watch.seen.back(), 29U);
+    const DeliveryCounts& counts = controllers.deliveryCounts("west");
+    EXPECT_EQ(counts.skipped > 0, seed % 2 == 0);
+    all.repeated += counts.repeated;
+    all.outdated += counts.outdated;
+  }
+  EXPECT_GT(all.repeated, 20U);
+  EXPECT_GT(all.outdated, 100U);
+}
+
+TEST_F(ControllersTest, CoalesceWhatComesWhileADeliveryWaits) {
+  controllers.disturb("west", {.coalesce = seconds(10)});
+  east.publish(1);
+  run(4);
+  east.publish(2);
+  north.publish(5);
+  EXPECT_THAT(run(8), ElementsAre("5 s north: 192.0.2.1 2", "5 s east: 192.0.2.3 5",
+                                  "11 s west: 192.0.2.1 2"));
+  EXPECT_THAT(run(8), ElementsAre("15 s west: 192.0.2.3 5"));
+  // The end does not wait for what waits.
+  east.publish(3);
+  controllers.settle("west");
+  EXPECT_THAT(run(20), ElementsAre("21 s west: 192.0.2.1 3", "21 s north: 192.0.2.1 3"));
 }
 
 }  // namespace

@@ -231,6 +231,56 @@ TEST_F(LabActionTest, AProfileCanBeTakenAwayChangedAndApplied) {
   EXPECT_EQ(east.entities().ipsecConfig->securityAssoc("overlay")->lifetime(), 1000U);
 }
 
+TEST_F(LabActionTest, InstallationsAreDisturbedAtRandom) {
+  const auto rebuilt = [&](double span) {
+    lab.apply(ClearPath{.path = kFirst, .router = "east"});
+    lab.run(seconds(span));
+    return east.dataPlane().sas(east.path(kFirst)->end.key);
+  };
+  lab.apply(DisturbInstallation{.router = "east", .delay = seconds(3), .fail = 0.25});
+  size_t failed = 0;
+  size_t overtaken = 0;
+  for (int i = 0; i < 60; ++i) {
+    const std::vector<SaReport> sas = rebuilt(3.1);
+    ASSERT_EQ(sas.size(), 2U);
+    for (const SaReport& sa : sas) {
+      const bool isFailed = sa.state == SaInstallState::failed;
+      failed += isFailed ? 1 : 0;
+      EXPECT_TRUE(isFailed || sa.state == SaInstallState::installed);
+    }
+    const bool both = !sas[0].installedAt.isNever() && !sas[1].installedAt.isNever();
+    overtaken += both && sas[1].installedAt < sas[0].installedAt ? 1 : 0;
+  }
+  EXPECT_TRUE(failed > 15 && failed < 45) << failed;
+  EXPECT_TRUE(overtaken > 5 && overtaken < 30) << overtaken;
+
+  lab.apply(SettleInstallation{.router = "east"});
+  for (const SaReport& sa : rebuilt(0.1)) {
+    EXPECT_EQ(sa.installedAt, sa.handedOverAt + seconds(0.02));
+  }
+}
+
+TEST_F(LabActionTest, CountersOfOneEndRestartAndNothingElse) {
+  const auto pkts = [&](const Router& router) {
+    uint64_t sum = 0;
+    for (const SaReport& sa : router.dataPlane().sas(router.path(kFirst)->end.key)) {
+      const auto& entry = router.entities().ipsecCounterTable->saCounterEntry(sa.key);
+      EXPECT_EQ(entry.addTime, sa.addTime);
+      EXPECT_EQ(entry.pkts == 0, entry.bytes == 0);
+      sum += entry.pkts;
+    }
+    return sum;
+  };
+  lab.run(seconds(5));
+  const uint64_t before = pkts(west);
+  ASSERT_GT(before, 50U);
+  lab.apply(RestartCounters{.path = kFirst, .router = "east"});
+  EXPECT_EQ(pkts(east), 0U);
+  EXPECT_EQ(pkts(west), before);
+  lab.run(seconds(1));
+  EXPECT_TRUE(pkts(east) > 10 && pkts(east) < before) << pkts(east);
+}
+
 TEST_F(LabActionTest, InstallationsCanBeLateRefusedOrUnreported) {
   using Fault = FailInstallation;
   const auto rebuilt = [&](double span) {

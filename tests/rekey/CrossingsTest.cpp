@@ -165,13 +165,14 @@ Scenario twoRouters(uint64_t seed) {
 class Crossing {
  public:
   Crossing(const Pair& pair, uint64_t seed, size_t lateLooks)
-      : pair_(pair), lateLooks_(lateLooks), lab_(twoRouters(seed), {&invariants_, &stepper_}) {}
+      : pair_(pair), lateLooks_(lateLooks), lab_(twoRouters(seed), {&invariants_, &stepper_}) {
+    invariants_.start(lab_, kLook);
+  }
 
   /// Takes the steps. False when the order is another way to write one that is run as well.
   bool takeSteps(Choices& choices) {
     lab_.run(seconds(80.2));  // Between all looks and passes: none comes by itself until the end.
     EXPECT_EQ(whyNotAtRest(), "");
-    invariants_.start(lab_, kLook);
     lab_.apply(StartTraffic{.flow = "dense"});
     stepper_.hold(lab_);
     std::set<std::string> asleep;  // Steps at a that could have come before the last ones at b.
