@@ -1,130 +1,19 @@
 #include "lab/Program.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <exception>
-#include <fstream>
-#include <optional>
 #include <ostream>
-#include <string_view>
 #include <utility>
 
 #include <CLI/CLI.hpp>
-#include <fmt/format.h>
 
-#include "lab/check/Invariants.h"
-#include "lab/report/JsonReport.h"
-#include "lab/report/Narrator.h"
-#include "lab/report/TextReport.h"
-#include "lab/run/Lab.h"
-#include "lab/scenario/EffectiveTimers.h"
-#include "lab/scenario/LoadScenario.h"
-#include "lab/toggles/LoadToggles.h"
+#include "lab/cli/CheckCommand.h"
+#include "lab/cli/RunCommand.h"
 
 namespace tessel::lab {
 namespace {
 
-struct Options {
-  std::string file;
-  std::string toggleFile{toggleFileName};
-  std::string jsonFile;
-  std::optional<uint64_t> seed;
-  bool trace = false;
-  bool quiet = false;
-};
-
-class Program {
- public:
-  Program(std::ostream& out, std::ostream& err) : out_(out), err_(err) {}
-
-  int run(const Options& options) {
-    std::optional<Scenario> scenario = load(options.file);
-    if (!scenario) {
-      return badInput;
-    }
-    if (const std::optional<ToggleFileError> error = loadToggles(options.toggleFile)) {
-      complain(options.toggleFile, stringValue(*error) + "; every toggle keeps its default");
-    }
-    std::ofstream json;
-    if (!options.jsonFile.empty()) {
-      // Opened before the run: a name that cannot be written should not cost one.
-      json.open(options.jsonFile, std::ios::binary);
-      if (!json) {
-        complain(options.jsonFile, " cannot be written");
-        return badInput;
-      }
-    }
-    scenario->seed = options.seed.value_or(scenario->seed);
-
-    Narrator narrator(*scenario, [this](std::string_view line) { out_ << line; });
-    Invariants invariants;
-    std::vector<LabObserver*> observers{&invariants};
-    if (!options.quiet) {
-      observers.push_back(&narrator);
-      out_ << fmt::format("{}, seed {}\n\n", scenario->name, scenario->seed);
-    }
-    Lab lab(std::move(*scenario), observers);
-    lab.tracingIs(options.trace);
-    invariants.start(lab);
-    lab.finish();
-
-    if (!options.quiet) {
-      out_ << routerTables(lab) << trafficTable(lab) << "\n";
-    }
-    for (const Violation& violation : invariants.violations()) {
-      out_ << "invariant violated: " << stringValue(violation) << "\n";
-    }
-    out_ << verdictText(lab);
-    if (json.is_open() && !(json << jsonReport(lab)).flush()) {
-      complain(options.jsonFile, " cannot be written");
-      return badInput;
-    }
-    return lab.held() && invariants.violations().empty() ? held : notHeld;
-  }
-
-  int check(const Options& options) {
-    const std::optional<Scenario> scenario = load(options.file);
-    if (!scenario) {
-      return badInput;
-    }
-    out_ << fmt::format("{}: {} routers, {} paths, {} expectations\n\n", scenario->name,
-                        scenario->routers.size(), scenario->paths.size(),
-                        scenario->expectations.size());
-    for (const RouterTimers& timers : effectiveTimers(*scenario)) {
-      out_ << stringValue(timers);
-    }
-    return held;
-  }
-
- private:
-  /// Reads the scenario, or says everything that is wrong with it.
-  std::optional<Scenario> load(const std::string& file) {
-    LoadedScenario loaded = loadScenario(file);
-    for (const ScenarioError& error : loaded.errors) {
-      complain(file, stringValue(error));
-    }
-    if (!loaded.errors.empty()) {
-      return std::nullopt;
-    }
-    return std::move(loaded.scenario);
-  }
-
-  void complain(const std::string& file, const std::string& problem) {
-    err_ << file << ":" << problem << "\n";
-  }
-
-  std::ostream& out_;
-  std::ostream& err_;
-};
-
-}  // namespace
-
-int runProgram(std::vector<std::string> args, std::ostream& out, std::ostream& err) {
-  CLI::App app("Plays scenarios of routers that agree on IPsec keys through their controllers.",
-               "tessel-lab");
-  app.require_subcommand(1);
-  Options options;
-
+CLI::App& addRun(CLI::App& app, RunOptions& options) {
   CLI::App& run = *app.add_subcommand("run", "Play a scenario in virtual time.");
   run.add_option("file", options.file, "Scenario (YAML), see docs/lab.md")->required();
   run.add_option("--seed", options.seed, "Seed of the run, in place of the scenario's");
@@ -132,17 +21,36 @@ int runProgram(std::vector<std::string> args, std::ostream& out, std::ostream& e
   run.add_flag("--quiet", options.quiet, "Show nothing but the verdict")->excludes(&trace);
   run.add_option("--json", options.jsonFile,
                  "Write the outcome to this file, see docs/report.schema.json");
+  run.add_option("--events", options.eventFile,
+                 "Write what happens to this file, one JSON object per line, see "
+                 "docs/events.schema.json");
+  run.add_option("--pcap", options.captureFile, "Write the packets to this capture file");
+  run.add_option("--esp-keys", options.espKeyFile,
+                 "Write the keys of the packets to this file, as tshark's table esp_sa. Lab only: "
+                 "they are secret wherever the traffic is");
   run.add_option("--toggles", options.toggleFile, "Toggle file")->capture_default_str();
+  return run;
+}
 
+}  // namespace
+
+int runProgram(std::vector<std::string> args, std::ostream& out, std::ostream& err, bool colours) {
+  CLI::App app("Plays scenarios of routers that agree on IPsec keys through their controllers.",
+               "tessel-lab");
+  app.require_subcommand(1);
+  RunOptions runOptions;
+  const CLI::App& run = addRun(app, runOptions);
+
+  std::string fileToCheck;
   CLI::App& check =
       *app.add_subcommand("check", "Say what is wrong with a scenario, and show its timers.");
-  check.add_option("file", options.file, "Scenario (YAML), see docs/lab.md")->required();
+  check.add_option("file", fileToCheck, "Scenario (YAML), see docs/lab.md")->required();
 
   try {
     std::ranges::reverse(args);  // The parser takes them from the back.
     app.parse(std::move(args));
-    Program program(out, err);
-    return run.parsed() ? program.run(options) : program.check(options);
+    Terminal terminal{.out = out, .err = err, .colours = colours};
+    return run.parsed() ? runCommand(runOptions, terminal) : checkCommand(fileToCheck, terminal);
   } catch (const CLI::ParseError& error) {
     return app.exit(error, out, err) == 0 ? held : badInput;
   } catch (const std::exception& error) {

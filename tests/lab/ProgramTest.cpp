@@ -1,6 +1,7 @@
 // tessel-lab as its users meet it: exit status, what it prints, the report for programs.
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 
 #include "lab/Program.h"
@@ -100,6 +101,10 @@ TEST_F(ProgramTest, ExitStatusSaysWhatIsWrong) {
       {"bad file", {"run", unit}, badInput, "unit.yaml:1:11: duration: \"20\""},
       {"bad file to check", {"check", unit}, badInput, "unit.yaml:1:11: duration: \"20\""},
       {"bad report", {"run", kSample, "--json", file("no/dir")}, badInput, "cannot be written"},
+      {"bad event file",
+       {"run", kSample, "--events", file("no/dir")},
+       badInput,
+       "cannot be written"},
       {"good file to check", {"check", kSample}, held, ""},
       {"help", {"--help"}, held, ""},
   };
@@ -152,6 +157,33 @@ TEST_F(ProgramTest, TheReportFollowsItsSchema) {
                 testing::ElementsAre("/routers/0/sas/0: lacks \"spi\"",
                                      "/routers/1/colour: must not be there"));
   }
+}
+
+TEST_F(ProgramTest, TheEventsAreNumberedAndFollowTheirSchema) {
+  using Json = nlohmann::json;
+  const Json schema = Json::parse(*readFile(TESSEL_SOURCE_DIR "/docs/events.schema.json"));
+  std::set<std::string> kinds;
+  for (const char* name : {"hub", "sa-rekey-meets-clear", "router-restart", "pf-loss-hold-timer"}) {
+    SCOPED_TRACE(name);
+    ASSERT_EQ(run({"run", "--quiet", "--events", file("events"),
+                   TESSEL_SOURCE_DIR "/scenarios/" + std::string(name) + ".yaml"}),
+              held);
+    std::ifstream lines(file("events"));
+    double time = 0;
+    uint64_t number = 0;
+    for (std::string line; std::getline(lines, line);) {
+      const Json event = Json::parse(line);
+      ASSERT_EQ(event["n"], ++number);
+      ASSERT_GE(event["at_seconds"], time);
+      ASSERT_THAT(schemaFaults(schema, schema, event), IsEmpty()) << line;
+      time = event["at_seconds"];
+      kinds.insert(event["event"]);
+    }
+  }
+  EXPECT_THAT(kinds,
+              testing::IsSupersetOf({"router-down", "key-received", "controllers-lost", "peer-down",
+                                     "path-state", "sa-retyped", "sa-removed", "nonce-received",
+                                     "packet-dropped", "machine", "log", "action", "expectation"}));
 }
 
 }  // namespace
