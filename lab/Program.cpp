@@ -19,6 +19,8 @@ CLI::App& addRun(CLI::App& app, RunOptions& options) {
   run.add_option("--seed", options.seed, "Seed of the run, in place of the scenario's");
   CLI::Option& trace = *run.add_flag("--trace", options.trace, "Show the routers' traces");
   run.add_flag("--quiet", options.quiet, "Show nothing but the verdict")->excludes(&trace);
+  run.add_option("--report", options.reportFile,
+                 "Write the run as a page to look at to this file (HTML)");
   run.add_option("--json", options.jsonFile,
                  "Write the outcome to this file, see docs/report.schema.json");
   run.add_option("--events", options.eventFile,

@@ -1,5 +1,6 @@
 #include "lab/cli/RunCommand.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -12,9 +13,11 @@
 #include "lab/cli/LoadScenarioFile.h"
 #include "lab/report/EventFile.h"
 #include "lab/report/EventStream.h"
+#include "lab/report/Explain.h"
 #include "lab/report/JsonReport.h"
 #include "lab/report/Narrator.h"
 #include "lab/report/PacketCapture.h"
+#include "lab/report/ReportPage.h"
 #include "lab/report/TextReport.h"
 #include "lab/run/Lab.h"
 
@@ -79,10 +82,11 @@ int runCommand(const RunOptions& options, Terminal& terminal) {
     terminal.complain(options.toggleFile, stringValue(*error) + "; every toggle keeps its default");
   }
   OutputFile json(options.jsonFile, terminal);
+  OutputFile page(options.reportFile, terminal);
   OutputFile events(options.eventFile, terminal);
   OutputFile capture(options.captureFile, terminal);
   OutputFile espKeys(options.espKeyFile, terminal);
-  OutputFile* const files[] = {&json, &events, &capture, &espKeys};
+  OutputFile* const files[] = {&json, &page, &events, &capture, &espKeys};
   for (OutputFile* file : files) {
     if (!file->good()) {
       return badInput;
@@ -104,6 +108,12 @@ int runCommand(const RunOptions& options, Terminal& terminal) {
   }
   if (events.wanted()) {
     sinks.push_back(&eventFile);
+  }
+  // Drops that would fall into one pixel of the report are one thing to look at.
+  History history(std::max(seconds(1), scenario->duration * 0.0005));
+  const bool examined = json.wanted() || page.wanted();
+  if (examined) {
+    sinks.push_back(&history);
   }
   EventStream stream(*scenario, sinks);
   if (!sinks.empty()) {
@@ -133,8 +143,17 @@ int runCommand(const RunOptions& options, Terminal& terminal) {
                  << "\n";
   }
   terminal.out << terminal.in(lab.held() ? Colour::green : Colour::red, verdictText(lab));
-  if (json.wanted()) {
-    json.stream() << jsonReport(lab);
+  if (examined) {
+    const Explain explain(history, lab);
+    const Examination examination{.invariantsEvaluated = invariants.evaluated(),
+                                  .violations = invariants.violations(),
+                                  .findings = explain.findings()};
+    if (json.wanted()) {
+      json.stream() << jsonReport(lab, examination);
+    }
+    if (page.wanted()) {
+      writeReportPage(page.stream(), lab, history, explain, examination);
+    }
   }
   for (OutputFile* file : files) {
     if (!file->good()) {

@@ -171,6 +171,12 @@ std::string eventLine(uint64_t number, const LabEvent& event) {
   return line.dump() + "\n";
 }
 
+std::string eventFields(const LabEvent& event) {
+  OrderedJson fields = OrderedJson::object();
+  std::visit([&](const auto& what) { putWhat(fields, what); }, event.what);
+  return fields.dump();
+}
+
 void EventFile::handle(const LabEvent& event) {
   out_ << eventLine(++count_, event);
 }

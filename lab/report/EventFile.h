@@ -25,5 +25,7 @@ class EventFile final : public LabEventSink {
 
 /// The line of an event, with its newline.
 std::string eventLine(uint64_t number, const LabEvent& event);
+/// The members of the line that depend on the event's kind, as an object.
+std::string eventFields(const LabEvent& event);
 
 }  // namespace tessel::lab

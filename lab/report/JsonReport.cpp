@@ -96,6 +96,52 @@ Json asJson(const Verdict& verdict) {
           {"found", verdict.found}};
 }
 
+Json asJson(const Violation& violation) {
+  return {{"invariant", violation.invariant},
+          {"at_seconds", violation.at.seconds()},
+          {"where", violation.where},
+          {"what", violation.what}};
+}
+
+Json asJson(const Finding::Before& before) {
+  Json json = {{"at_seconds", before.at.seconds()}, {"text", before.text}};
+  if (!before.router.empty()) {
+    json["router"] = before.router;
+  }
+  return json;
+}
+
+Json asJson(const Finding& finding) {
+  Json json = {{"kind", findingKindName(finding.kind)},
+               {"router", finding.router},
+               {"from_seconds", finding.from.seconds()},
+               {"to_seconds", finding.to ? Json(finding.to->seconds()) : Json(nullptr)},
+               {"title", finding.title},
+               {"explanation", finding.explanation},
+               {"before", Json::array()}};
+  for (const Finding::Before& before : finding.before) {
+    json["before"].push_back(asJson(before));
+  }
+  const auto put = [&](const char* name, const std::string& value) {
+    if (!value.empty()) {
+      json[name] = value;
+    }
+  };
+  put("path", finding.path);
+  put("peer", finding.peer);
+  put("reason", finding.reason);
+  if (finding.spi) {
+    json["spi"] = spiText(*finding.spi);
+  }
+  if (finding.kind == Finding::Kind::drops || finding.kind == Finding::Kind::installation) {
+    json["direction"] = finding.sending ? "out" : "in";
+  }
+  if (finding.kind == Finding::Kind::drops) {
+    json["packets"] = finding.count;
+  }
+  return json;
+}
+
 Json asJson(const StreamCounts& stream) {
   return {{"flow", stream.flow},
           {"path", stream.path},
@@ -151,7 +197,7 @@ Json asJson(const Lab& lab, const RouterSummary& router) {
 
 }  // namespace
 
-std::string jsonReport(const Lab& lab) {
+nlohmann::json jsonDocument(const Lab& lab, const Examination& examination) {
   std::vector<RouterSummary> routers;
   for (const std::unique_ptr<Router>& router : lab.routers()) {
     routers.push_back(summaryOf(lab, *router));
@@ -162,18 +208,25 @@ std::string jsonReport(const Lab& lab) {
     routerList.push_back(asJson(lab, router));
   }
   const Scenario& scenario = lab.scenario();
-  const Json document = {{"format", "tessel-lab-report"},
-                         {"version", 1},
-                         {"scenario",
-                          {{"name", scenario.name},
-                           {"seed", scenario.seed},
-                           {"duration_seconds", scenario.duration.seconds()}}},
-                         {"end_seconds", lab.now().seconds()},
-                         {"held", lab.held()},
-                         {"expectations", asList(lab.verdicts())},
-                         {"routers", routerList},
-                         {"traffic", asList(lab.traffic().streams())}};
-  return document.dump(2) + "\n";
+  return {{"format", "tessel-lab-report"},
+          {"version", 2},
+          {"scenario",
+           {{"name", scenario.name},
+            {"seed", scenario.seed},
+            {"duration_seconds", scenario.duration.seconds()}}},
+          {"end_seconds", lab.now().seconds()},
+          {"held", lab.held()},
+          {"expectations", asList(lab.verdicts())},
+          {"invariants",
+           {{"evaluated", examination.invariantsEvaluated},
+            {"violations", asList(examination.violations)}}},
+          {"findings", asList(examination.findings)},
+          {"routers", routerList},
+          {"traffic", asList(lab.traffic().streams())}};
+}
+
+std::string jsonReport(const Lab& lab, const Examination& examination) {
+  return jsonDocument(lab, examination).dump(2) + "\n";
 }
 
 }  // namespace tessel::lab

@@ -142,11 +142,15 @@ TEST_F(ProgramTest, TheReportFollowsItsSchema) {
     ASSERT_EQ(run({"run", "--json", file("report.json"),
                    TESSEL_SOURCE_DIR "/scenarios/" + std::string(name)}),
               held);
+    Json report = Json::parse(*readFile(file("report.json")));
     if (std::string(name) == "hub.yaml") {  // Both ends show why their peer is down.
+      ASSERT_EQ(report["findings"].size(), 2U);
+      EXPECT_EQ(report["findings"][1]["title"], "hub-5: peer spoke-9 is down, dh-group-mismatch");
+      EXPECT_THAT(std::string(report["findings"][1]["explanation"]),
+                  HasSubstr("spoke-9's key 0: modp-2048, aes-128-gcm-16"));
       EXPECT_THAT(out.str(), HasSubstr("spoke-9  192.0.2.29  down: dh-group-mismatch"));
       EXPECT_THAT(out.str(), HasSubstr("hub-5  192.0.2.15  down: dh-group-mismatch"));
     }
-    Json report = Json::parse(*readFile(file("report.json")));
     EXPECT_THAT(schemaFaults(schema, schema, report), IsEmpty());
     EXPECT_TRUE(report["held"]);
 
