@@ -9,7 +9,7 @@
 
 namespace tessel::lab {
 
-inline std::optional<Scenario> loadScenarioFile(const std::string& file, Terminal& terminal) {
+inline std::optional<Scenario> loadScenarioFile(const std::string& file, const Terminal& terminal) {
   LoadedScenario loaded = loadScenario(file);
   for (const ScenarioError& error : loaded.errors) {
     terminal.complain(file, stringValue(error));

@@ -11,11 +11,11 @@
 #include "lab/Program.h"
 #include "lab/check/Invariants.h"
 #include "lab/cli/LoadScenarioFile.h"
+#include "lab/cli/NarratorColours.h"
 #include "lab/report/EventFile.h"
 #include "lab/report/EventStream.h"
 #include "lab/report/Explain.h"
 #include "lab/report/JsonReport.h"
-#include "lab/report/Narrator.h"
 #include "lab/report/PacketCapture.h"
 #include "lab/report/ReportPage.h"
 #include "lab/report/TextReport.h"
@@ -57,20 +57,6 @@ class OutputFile {
   std::ofstream stream_;
 };
 
-Colour colourOf(Narrator::Tone tone) {
-  switch (tone) {
-    case Narrator::Tone::plain:
-      return Colour::none;
-    case Narrator::Tone::good:
-      return Colour::green;
-    case Narrator::Tone::bad:
-      return Colour::red;
-    case Narrator::Tone::lab:
-      return Colour::cyan;
-  }
-  return Colour::none;
-}
-
 }  // namespace
 
 int runCommand(const RunOptions& options, Terminal& terminal) {
@@ -97,9 +83,7 @@ int runCommand(const RunOptions& options, Terminal& terminal) {
   Invariants invariants;
   std::vector<LabObserver*> observers{&invariants};
   std::vector<LabEventSink*> sinks;
-  Narrator narrator(*scenario, [&](Narrator::Tone tone, std::string_view line) {
-    terminal.out << terminal.in(colourOf(tone), line);
-  });
+  Narrator narrator(*scenario, colouredLines(terminal));
   EventFile eventFile(events.stream());
   if (!options.quiet) {
     sinks.push_back(&narrator);

@@ -1,5 +1,7 @@
 #include "lab/cli/Terminal.h"
 
+#include <algorithm>
+
 namespace tessel::lab {
 namespace {
 
@@ -21,6 +23,8 @@ const char* code(Colour colour) {
   return "";
 }
 
+constexpr size_t kLineWidth = 96;
+
 }  // namespace
 
 std::string Terminal::in(Colour colour, std::string_view text) const {
@@ -31,6 +35,27 @@ std::string Terminal::in(Colour colour, std::string_view text) const {
   std::string painted = std::string("\x1b[") + code(colour) + "m";
   painted.append(text.substr(0, text.size() - (line ? 1 : 0))).append("\x1b[0m");
   return painted + (line ? "\n" : "");
+}
+
+std::string wrapped(const std::string& text, size_t indent) {
+  std::string result;
+  std::string line;
+  const auto end = [&] {
+    if (!line.empty()) {
+      result += std::string(indent, ' ') + line + "\n";
+    }
+    line.clear();
+  };
+  for (size_t at = 0; at < text.size();) {
+    const size_t next = std::min(text.find_first_of(" \n", at), text.size());
+    if (!line.empty() && indent + line.size() + 1 + next - at > kLineWidth) {
+      end();
+    }
+    line += (line.empty() ? "" : " ") + text.substr(at, next - at);
+    at = next + 1;
+  }
+  end();
+  return result;
 }
 
 }  // namespace tessel::lab

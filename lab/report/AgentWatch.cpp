@@ -69,23 +69,20 @@ class EventStream::AgentWatch::PeerWatch {
   }
 
   void handleReadiness() {
-    // Status and reason are written one after the other: down without a reason is not the end.
-    const std::pair now(peer_.peerConnStatus(), peer_.peerDownReason());
-    const bool down = now.first == PeerConnStatus::down;
-    if ((down && now.second == PeerDownReason::none) || (!down && !told_)) {
-      return;
-    }
-    if (std::exchange(told_, down ? std::optional(now.second) : std::nullopt) !=
-        std::optional(now.second)) {
+    // Status and reason are written one after the other: down without a reason is not the end. The
+    // reason outlasts it: a peer that is ready again still has it.
+    const bool down = peer_.peerConnStatus() == PeerConnStatus::down;
+    const PeerDownReason reason = down ? peer_.peerDownReason() : PeerDownReason::none;
+    if (told_ != reason && (!down || reason != PeerDownReason::none)) {
+      told_ = reason;
       agent_.tellOfPeer(peer_.peerAddr(),
-                        event::PeerStatus{.status = now.first,
-                                          .reason = down ? now.second : PeerDownReason::none});
+                        event::PeerStatus{.status = peer_.peerConnStatus(), .reason = reason});
     }
   }
 
   AgentWatch& agent_;
   const Ike::PeerConnectionState& peer_;
-  std::optional<PeerDownReason> told_;  // None: ready, as far as was told.
+  PeerDownReason told_ = PeerDownReason::none;  // None: ready.
   std::map<ConnectionKey, std::unique_ptr<PathWatch>> paths_;
   Subscription subscription_;
 };
@@ -102,7 +99,7 @@ class EventStream::AgentWatch::SaWatch {
 
  private:
   void handleSa(const Change& change) {
-    if (!change.is(Ike::SecurityAssociation::saTypeName)) {
+    if (!change.is(Ike::SecurityAssociation::saTypeName) || !agent_.stream_.everything_) {
       return;
     }
     const std::optional<SaReport> report = agent_.router_.dataPlane().sa(key_);
@@ -187,11 +184,8 @@ void EventStream::AgentWatch::handleHardLimit(const HardLimitFinding& finding) {
 }
 
 void EventStream::AgentWatch::handleDrop(const PacketDrop& drop) {
-  const event::Drop what{.reason = drop.reason,
-                         .sending = drop.sending,
-                         .matched = drop.path.has_value(),
-                         .spi = drop.spi,
-                         .sequence = drop.sequence};
+  const event::Drop what{
+      .reason = drop.reason, .sending = drop.sending, .spi = drop.spi, .sequence = drop.sequence};
   if (drop.path) {
     tellOfPath(*drop.path, what);
   } else if (const RouterPath* path = pathOf(drop.ends)) {

@@ -1,5 +1,6 @@
 #include "lab/report/EventStream.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "lab/report/AgentWatch.h"
@@ -27,7 +28,8 @@ void setPath(LabEvent& event, const Router& router, const ConnectionKey& key) {
 }  // namespace
 
 EventStream::EventStream(const Scenario& scenario, std::vector<LabEventSink*> sinks)
-    : sinks_(std::move(sinks)) {
+    : sinks_(std::move(sinks)),
+      everything_(std::ranges::any_of(sinks_, &LabEventSink::wantsEverything)) {
   for (const RouterPlan& router : scenario.routers) {
     namesByAddress_[router.routerId] = router.name;
   }
@@ -88,6 +90,9 @@ void EventStream::handleVerdict(const Verdict& verdict) {
 }
 
 void EventStream::handleEvent(const Router& router, const LocalEvent& event) {
+  if (!isWanted(event::Machine::Log::local, event.eventName.text())) {
+    return;
+  }
   tell({.at = now(),
         .router = router.name(),
         .what = event::Machine{.log = event::Machine::Log::local,
@@ -96,6 +101,9 @@ void EventStream::handleEvent(const Router& router, const LocalEvent& event) {
 }
 
 void EventStream::handleEvent(const Router& router, const PeerEvent& event) {
+  if (!isWanted(event::Machine::Log::peer, event.eventName.text())) {
+    return;
+  }
   tell({.at = now(),
         .router = router.name(),
         .peer = routerName(event.peer),
@@ -105,6 +113,9 @@ void EventStream::handleEvent(const Router& router, const PeerEvent& event) {
 }
 
 void EventStream::handleEvent(const Router& router, const PathEvent& event) {
+  if (!isWanted(event::Machine::Log::path, event.eventName.text())) {
+    return;
+  }
   LabEvent told{.at = now(),
                 .router = router.name(),
                 .what = event::Machine{.log = event::Machine::Log::path,
@@ -117,6 +128,9 @@ void EventStream::handleEvent(const Router& router, const PathEvent& event) {
 
 void EventStream::handleEvent(const Router& router, const SecurityAssociationKey& key,
                               const ConnectionKey& path, const SaEvent& event) {
+  if (!isWanted(event::Machine::Log::sa, event.eventName.text())) {
+    return;
+  }
   LabEvent told{.at = now(),
                 .router = router.name(),
                 .what = event::Machine{.log = event::Machine::Log::sa,

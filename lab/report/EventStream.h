@@ -46,7 +46,13 @@ class EventStream final : public LabObserver {
   Duration now() const;
   std::string routerName(const IpGenAddr& address) const;
 
+  /// Whether some sink wants this event of the machine.
+  bool isWanted(event::Machine::Log log, std::string_view name) const {
+    return everything_ || hasWords(log, name);
+  }
+
   const std::vector<LabEventSink*> sinks_;
+  const bool everything_;
   const Clock* clock_ = nullptr;
   std::map<IpGenAddr, std::string> namesByAddress_;
   std::map<std::string, std::unique_ptr<AgentWatch>> agents_;

@@ -1,6 +1,7 @@
 #include "lab/report/Explain.h"
 
 #include <algorithm>
+#include <set>
 #include <tuple>
 
 #include <fmt/format.h>
@@ -13,7 +14,8 @@ namespace tessel::lab {
 namespace {
 
 constexpr Duration kLongRekey = seconds(180);
-constexpr size_t kLinesBefore = 5;  // Of each router.
+constexpr size_t kLinesBefore = 5;  // Of each router, and of its end of the path.
+constexpr size_t kActionsBefore = 2;
 
 const char* advice(PeerDownReason reason) {
   switch (reason) {
@@ -180,14 +182,20 @@ void Explain::addInstallations(std::vector<Finding>& out) const {
 }
 
 void Explain::addDrops(std::vector<Finding>& out) const {
-  // The SA: one that is made again with the SPI of an earlier one is another.
+  // An SA that is made again with the SPI of an earlier one is another, and a path that has gone
+  // once more is another occasion.
   using Kind = std::tuple<std::string, std::string, DropReason, bool, uint32_t, Duration>;
   std::map<Kind, size_t> groups;
   for (const DropBurst& burst : history_.drops()) {
-    const SaLife* sa =
-        life(burst.router, burst.path, burst.drop.spi, !burst.drop.sending, burst.first);
-    const Kind kind(burst.router, burst.path, burst.drop.reason, burst.drop.sending, burst.drop.spi,
-                    sa == nullptr ? Duration() : sa->handedOver);
+    const event::Drop& drop = burst.drop;
+    Duration since;
+    if (const SaLife* sa = life(burst.router, burst.path, drop.spi, !drop.sending, burst.first)) {
+      since = sa->handedOver;
+    } else if (const LabEvent* gone = lastPathGone(burst.router, burst.path, burst.first);
+               gone != nullptr && drop.sending) {
+      since = gone->at;
+    }
+    const Kind kind(burst.router, burst.path, drop.reason, drop.sending, drop.spi, since);
     const auto [group, isNew] = groups.emplace(kind, out.size());
     if (isNew) {
       out.push_back({.kind = Finding::Kind::drops,
@@ -262,38 +270,36 @@ void Explain::addPathStates(std::vector<Finding>& out) const {
 
 /// The last things that a reader would look at, at either end.
 void Explain::addBefore(Finding& finding) const {
-  using Before = Finding::Before;
-  const std::vector<LabEvent>& events = history_.events();
-  const auto collect = [&](const std::string& router, const std::vector<size_t>& positions,
-                           size_t most) {
+  std::set<size_t> chosen;
+  // Of what a router does for all of its peers, only what concerns this one.
+  const auto concerns = [&](const LabEvent& event) {
+    return event.at <= finding.from && !std::holds_alternative<event::Drop>(event.what) &&
+           !std::holds_alternative<event::Checked>(event.what) &&
+           (finding.peer.empty() || event.peer.empty() || event.peer == finding.peer ||
+            event.peer == finding.router) &&
+           !textOf(event).empty();
+  };
+  const auto collect = [&](const std::string& router, const std::string& path, size_t most) {
+    const std::vector<size_t>& positions = history_.ofEnd(router, path);
     size_t found = 0;
     for (auto each = positions.rbegin(); each != positions.rend() && found < most; ++each) {
-      const LabEvent& event = events[*each];
-      if (event.at > finding.from || std::holds_alternative<event::Drop>(event.what) ||
-          std::holds_alternative<event::Checked>(event.what)) {
-        continue;
-      }
-      // Of what a router does for all of its peers, only what concerns this one.
-      if (!finding.peer.empty() && !event.peer.empty() && event.peer != finding.peer &&
-          event.peer != finding.router) {
-        continue;
-      }
-      if (const std::string text = textOf(event); !text.empty()) {
-        finding.before.push_back({.at = event.at, .router = router, .text = text});
+      if (concerns(history_.events()[*each])) {
+        chosen.insert(*each);
         ++found;
       }
     }
   };
   for (const std::string& router : {finding.router, finding.peer}) {
     if (!router.empty()) {
-      collect(router, history_.ofRouter(router), kLinesBefore);
-      if (!finding.path.empty()) {
-        collect(router, history_.ofEnd(router, finding.path), kLinesBefore);
-      }
+      collect(router, "", kLinesBefore);
+      collect(router, finding.path, kLinesBefore);
     }
   }
-  collect("", history_.ofRouter(""), 2);
-  std::ranges::stable_sort(finding.before, {}, &Before::at);
+  collect("", "", kActionsBefore);
+  for (const size_t position : chosen) {
+    const LabEvent& event = history_.events()[position];
+    finding.before.push_back({.at = event.at, .router = event.router, .text = textOf(event)});
+  }
 }
 
 // --- Sentences
@@ -350,16 +356,22 @@ std::string Explain::ofPathState(size_t position) const {
   if (change.from != DynamicPathState::none) {
     text += " from " + plainName(change.from);
   }
-  // What the engine recorded last for this end of the path, in the same instant.
+  // What the engine recorded for this end of the path in the same instant: last before the change,
+  // or else first behind it.
   const std::vector<size_t>& all = history_.ofEnd(event.router, event.path);
   std::string_view trigger;
-  for (auto each = std::ranges::lower_bound(all, position);
-       trigger.empty() && each != all.begin() && history_.events()[*std::prev(each)].at == event.at;
-       --each) {
-    if (const auto* machine =
-            std::get_if<event::Machine>(&history_.events()[*std::prev(each)].what)) {
+  const auto look = [&](size_t each) {
+    const LabEvent& near = history_.events()[each];
+    const auto* machine = std::get_if<event::Machine>(&near.what);
+    if (machine != nullptr && trigger.empty()) {
       trigger = triggerText(machine->name);
     }
+    return near.at == event.at && trigger.empty();
+  };
+  const auto place = std::ranges::lower_bound(all, position);
+  for (auto each = place; each != all.begin() && look(*std::prev(each)); --each) {
+  }
+  for (auto each = std::next(place); trigger.empty() && each != all.end() && look(*each); ++each) {
   }
   if (!trigger.empty()) {
     text += fmt::format(", when {}", trigger);

@@ -59,8 +59,6 @@ class Explain {
   std::string ofPathState(size_t position) const;
 
  private:
-  struct DropGroup;
-
   // What is found.
   void addPeersDown(std::vector<Finding>& out) const;
   void addPathsMissing(std::vector<Finding>& out) const;
@@ -99,6 +97,8 @@ class Explain {
   /// Whether the router has taken the peer down and not up again by then.
   std::optional<PeerDownReason> downAt(const std::string& router, const std::string& peer,
                                        Duration time) const;
+  /// "; west has been without its controllers since 2.000 s", or nothing.
+  std::string outageText(const std::string& router, Duration time) const;
   std::string absenceText(const std::string& router, const std::string& path,
                           const std::string& peer, Duration time) const;
 

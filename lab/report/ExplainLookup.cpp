@@ -118,16 +118,23 @@ std::optional<std::pair<Duration, std::optional<KeyFacts>>> Explain::receivedAt(
   return last;
 }
 
+/// A router that goes down takes its paths with it.
 const LabEvent* Explain::lastPathGone(const std::string& router, const std::string& path,
                                       Duration time) const {
-  const LabEvent* found = nullptr;
-  for (const size_t position : history_.ofEnd(router, path)) {
-    const LabEvent& event = history_.events()[position];
-    if (event.at <= time && std::holds_alternative<event::PathGone>(event.what)) {
-      found = &event;
+  const LabEvent* last = nullptr;
+  const auto look = [&](const std::vector<size_t>& positions) {
+    for (const size_t position : positions) {
+      const LabEvent& event = history_.events()[position];
+      if (event.at <= time && (last == nullptr || event.at >= last->at) &&
+          (std::holds_alternative<event::PathGone>(event.what) ||
+           std::holds_alternative<event::RouterDown>(event.what))) {
+        last = &event;
+      }
     }
-  }
-  return found;
+  };
+  look(history_.ofEnd(router, path));
+  look(history_.ofRouter(router));
+  return last;
 }
 
 std::optional<PeerDownReason> Explain::downAt(const std::string& router, const std::string& peer,
@@ -153,6 +160,20 @@ std::optional<PeerDownReason> Explain::downAt(const std::string& router, const s
   return down ? std::optional(reason) : std::nullopt;
 }
 
+std::string Explain::outageText(const std::string& router, Duration time) const {
+  const LabEvent* last = nullptr;
+  for (const size_t position : history_.ofRouter(router)) {
+    const LabEvent& event = history_.events()[position];
+    if (event.at <= time && std::holds_alternative<event::Connection>(event.what)) {
+      last = &event;
+    }
+  }
+  if (last == nullptr || std::get<event::Connection>(last->what).connected) {
+    return "";
+  }
+  return fmt::format("; {} has been without its controllers since {}", router, timeText(last->at));
+}
+
 /// Why a path is not there at a time, as a clause.
 std::string Explain::absenceText(const std::string& router, const std::string& path,
                                  const std::string& peer, Duration time) const {
@@ -172,12 +193,13 @@ std::string Explain::absenceText(const std::string& router, const std::string& p
     return fmt::format("{} has taken its peer {} down for {}", router, peer, plainName(*reason));
   }
   if (!publishedAt(router, time)) {
-    return router + " has not published a key of its own";
+    return router + " has not published a key of its own" + outageText(router, time);
   }
   const auto received = receivedAt(router, peer, time);
   if (!received) {
     return fmt::format("{}, up since {}, has not received a key of {}'s", router,
-                       timeText(start->at), peer);
+                       timeText(start->at), peer) +
+           outageText(router, time) + outageText(peer, time);
   }
   if (!received->second) {
     return fmt::format("{}'s key is withdrawn since {}", peer, timeText(received->first));

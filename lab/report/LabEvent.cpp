@@ -1,8 +1,6 @@
 #include "lab/report/LabEvent.h"
 
 #include <array>
-#include <map>
-#include <string_view>
 
 #include <fmt/format.h>
 
@@ -49,45 +47,42 @@ std::string stepText(const LabEvent& event, const SaStep& what) {
 }
 
 /// What the reader of a story wants to know of the machine's own events; empty for the others.
-std::string machineText(const LabEvent& event, const Machine& what) {
-  static const std::map<std::string_view, std::string_view> local = {
-      {"dhRekeyInitiated", "DH rekey started"},
-      {"dhRekeyInSaInstalled", "DH rekey: every path has its new in-SA"},
-      {"dhRekeyNotRekeying", "DH rekey done"},
-      {"generateDhKey", "local key generated"},
-      {"destroyDhKey", "local key destroyed"}};
-  static const std::map<std::string_view, std::string_view> peer = {
-      {"firstDhExchange", "first DH exchange done"},
-      {"initiatorDhRekey", "DH rekey as initiator"},
-      {"responderDhRekey", "DH rekey as responder"}};
-  static const std::map<std::string_view, std::string_view> path = {
-      {"maybeRekeySa", "SA rekey started"}, {"markRekeyComplete", "rekey complete"}};
-  const auto textIn = [&](const auto& texts) {
-    const auto found = texts.find(what.name);
-    return found == texts.end() ? std::string_view() : found->second;
+std::string_view wordsOf(Machine::Log log, std::string_view name) {
+  struct Row {
+    Machine::Log log;
+    std::string_view name;
+    std::string_view words;
   };
-  switch (what.log) {
-    case Machine::Log::local:
-      if (const std::string_view text = textIn(local); !text.empty()) {
-        return fmt::format("{}, key {}", text, what.number.value_or(0));
-      }
-      break;
-    case Machine::Log::peer:
-      if (const std::string_view text = textIn(peer); !text.empty()) {
-        return fmt::format("peer {}: {}, keys {}", event.peer, text,
-                           pairText(what.generations.value_or(DhKeyPair())));
-      }
-      break;
-    case Machine::Log::path:
-      if (const std::string_view text = textIn(path); !text.empty()) {
-        return fmt::format("path {}: {}, keys {}", event.path, text,
-                           pairText(what.generations.value_or(DhKeyPair())));
-      }
-      break;
-    case Machine::Log::sa:
-      break;
+  static constexpr Row rows[] = {
+      {Machine::Log::local, "dhRekeyInitiated", "DH rekey started"},
+      {Machine::Log::local, "dhRekeyInSaInstalled", "DH rekey: every path has its new in-SA"},
+      {Machine::Log::local, "dhRekeyNotRekeying", "DH rekey done"},
+      {Machine::Log::local, "generateDhKey", "local key generated"},
+      {Machine::Log::local, "destroyDhKey", "local key destroyed"},
+      {Machine::Log::peer, "firstDhExchange", "first DH exchange done"},
+      {Machine::Log::peer, "initiatorDhRekey", "DH rekey as initiator"},
+      {Machine::Log::peer, "responderDhRekey", "DH rekey as responder"},
+      {Machine::Log::path, "maybeRekeySa", "SA rekey started"},
+      {Machine::Log::path, "markRekeyComplete", "rekey complete"}};
+  for (const Row& row : rows) {
+    if (row.log == log && row.name == name) {
+      return row.words;
+    }
   }
-  return "";
+  return {};
+}
+
+std::string machineText(const LabEvent& event, const Machine& what) {
+  const std::string_view words = wordsOf(what.log, what.name);
+  if (words.empty()) {
+    return "";
+  }
+  if (what.log == Machine::Log::local) {
+    return fmt::format("{}, key {}", words, what.number.value_or(0));
+  }
+  return fmt::format("{}: {}, keys {}",
+                     what.log == Machine::Log::peer ? "peer " + event.peer : "path " + event.path,
+                     words, pairText(what.generations.value_or(DhKeyPair())));
 }
 
 std::string peerText(const LabEvent& event, const event::PeerStatus& what) {
@@ -125,6 +120,10 @@ std::string nameOf(const LabEvent& event) {
           [&](const event::Nonce& e) { return e.sent ? usual : std::string("nonce-received"); },
           [&](const auto&) { return usual; }},
       event.what);
+}
+
+bool hasWords(event::Machine::Log log, std::string_view name) {
+  return !wordsOf(log, name).empty();
 }
 
 std::string textOf(const SaFacts& sa) {

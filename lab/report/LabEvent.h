@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <variant>
 
 #include "host/model/Duration.h"
@@ -97,7 +98,6 @@ struct HardLimit {
 struct Drop {
   DropReason reason = DropReason::noSa;
   bool sending = false;
-  bool matched = false;  ///< It belongs to an SA of the path.
   uint32_t spi = 0;
   uint32_t sequence = 0;
 };
@@ -152,6 +152,9 @@ class LabEventSink {
  public:
   virtual ~LabEventSink() = default;
   virtual void handle(const LabEvent& event) = 0;
+  /// False: it does without the machine's events that have no words, and without SAs that change
+  /// their type. They are the most, and are not even made when no sink wants them.
+  virtual bool wantsEverything() const { return true; }
 };
 
 /// What an event is called in files: "sa-installed".
@@ -164,6 +167,9 @@ std::string textOf(const KeyFacts& key);
 /// The event in words, for a reader who sees its time and router elsewhere; empty when the words
 /// would say nothing to one who does not know the code.
 std::string textOf(const LabEvent& event);
+
+/// Whether `textOf` has words for an event of the machine.
+bool hasWords(event::Machine::Log log, std::string_view name);
 
 /// For `std::visit`: one function per alternative.
 template <class... Functions>

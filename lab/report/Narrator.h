@@ -29,6 +29,7 @@ class Narrator final : public LabEventSink {
   Narrator(const Scenario& scenario, Write write);
 
   void handle(const LabEvent& event) override;
+  bool wantsEverything() const override { return false; }
   /// Tells the drops that are due by then.
   void finish(Duration now) { tellDueDrops(now); }
 

@@ -10,6 +10,7 @@
 #include "lab/report/EventStream.h"
 #include "lab/report/JsonReport.h"
 #include "lab/report/Narrator.h"
+#include "lab/report/ReportPage.h"
 #include "lab/report/TextReport.h"
 #include "lab/run/Expectations.h"
 #include "lab/run/Lab.h"
@@ -65,7 +66,8 @@ TEST(Lab, TellsNothingSecret) {
   Narrator narrator(scenario, [&](Narrator::Tone, std::string_view line) { story += line; });
   std::ostringstream events;
   EventFile eventFile(events);
-  EventStream stream(scenario, {&narrator, &eventFile});
+  History history(seconds(1));
+  EventStream stream(scenario, {&narrator, &eventFile, &history});
   Lab lab(scenario, {&stream});
   lab.tracingIs(true);
   std::set<std::string> secrets;
@@ -91,7 +93,10 @@ TEST(Lab, TellsNothingSecret) {
     }
   }
   ASSERT_GT(secrets.size(), 10U);
-  story += routerTables(lab) + jsonReport(lab) + events.str();
+  const Explain explain(history, lab);
+  std::ostringstream page;
+  writeReportPage(page, lab, history, explain, {.findings = explain.findings()});
+  story += routerTables(lab) + jsonReport(lab) + events.str() + page.str();
   for (const std::string& secret : secrets) {
     EXPECT_THAT(story, Not(HasSubstr(secret)));
   }

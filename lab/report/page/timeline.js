@@ -326,6 +326,7 @@ class Timeline {
         this.bar(mark, (left, width) => {
           context.fillStyle = sign.colour;
           context.fillRect(left - 1, y - 4, width + 2, 8);
+          this.outline(mark, left - 1, y - 5, width + 2, 10);
         });
       }
       const place = Math.floor(x / 11);
@@ -348,7 +349,9 @@ class Timeline {
       }
       const item = items.length === 1 ? items[0] : this.clusterOf(items);
       this.hit(item, x - 5, y - 6, 10, 12);
-      if (items.includes(this.chosen)) this.outline(this.chosen, x - 6, y - 6, 12, 12);
+      if (items.includes(this.chosen) && this.chosen.type !== "drop") {
+        this.outline(this.chosen, x - 6, y - 6, 12, 12);
+      }
     }
     // A long burst can be clicked along its whole length.
     for (const mark of marks) {
