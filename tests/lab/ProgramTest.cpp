@@ -94,7 +94,7 @@ TEST_F(ProgramTest, ExitStatusSaysWhatIsWrong) {
     std::string error;
   } cases[] = {
       {"nothing asked", {}, held, ""},
-      {"no subcommand", {"--seed", "1"}, badInput, "--seed"},
+      {"no subcommand", {"--seed", "1"}, badInput, "subcommand"},
       {"unknown option", {"run", kSample, "--sed", "1"}, badInput, "--sed"},
       {"seed is no number", {"run", kSample, "--seed", "x"}, badInput, "seed"},
       {"no such file", {"run", file("none.yaml")}, badInput, "none.yaml:0:0"},
