@@ -36,6 +36,15 @@ Json asJson(const PeerSummary& peer) {
           {"initiator", peer.initiator}};
 }
 
+Json lossesOf(const LinkCounts& link) {
+  Json json = Json::object();
+  for (size_t i = 0; i < kLinkLosses; ++i) {
+    const auto reason = static_cast<LinkLoss>(i);
+    json[linkLossName(reason)] = link.lost(reason);
+  }
+  return json;
+}
+
 Json asJson(const PathSummary& path) {
   return {{"name", path.name},
           {"peer", path.peer},
@@ -50,7 +59,8 @@ Json asJson(const PathSummary& path) {
           {"sent_packets", path.packets.sent},
           {"received_packets", path.packets.received},
           {"send_drops", asJson(path.packets.sendDrops)},
-          {"receive_drops", asJson(path.packets.receiveDrops)}};
+          {"receive_drops", asJson(path.packets.receiveDrops)},
+          {"network_losses", lossesOf(path.link)}};
 }
 
 Json asJson(const SaSummary& sa) {

@@ -180,6 +180,11 @@ TEST_F(ProgramTest, ExplainsWhatTheReportFound) {
   ASSERT_EQ(run({"explain", file("hub.json"), "--path", "site-5"}), held);
   EXPECT_THAT(out.str(), HasSubstr("0 findings"));
   EXPECT_EQ(run({"explain", file("hub.json"), "--path", "site-0"}), badInput);
+  // What the network lost is no finding, but counted.
+  ASSERT_EQ(run({"run", "--quiet", kSample, "--json", file("sample.json")}), held);
+  const auto sample = nlohmann::json::parse(*readFile(file("sample.json")));
+  EXPECT_EQ(sample["routers"][0]["paths"][0]["network_losses"]["cut"], 101);
+  EXPECT_EQ(sample["routers"][1]["paths"][0]["network_losses"]["cut"], 0);
 }
 
 // One kind of explanation each, by scenario: what the sentences must say.

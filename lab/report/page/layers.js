@@ -148,6 +148,7 @@ function buildLegend(place) {
     ["SA of a DH rekey", bar(() => saColour("dh-rekey", pair))],
     ["retired SA", bar(() => saColour("retired", pair))],
     ["controllers away", (context) => hatch(context, 1, 1, 20, 12, "#c98a00")],
+    ["router down", (context) => hatch(context, 1, 1, 20, 12, "#6b7683")],
     ["packets dropped", sign("drop", "#d62f2f")],
     ["rekey", sign("diamond", "#259a8c")],
     ["key published or received", sign("key", "#8d63c0")],

@@ -143,7 +143,10 @@ function buildModel() {
     (end ? end.drops : routers.get(drop.router).marks).push(drop);
   }
   for (const router of routers.values()) {
-    for (const end of router.ends) stackSas(end);
+    for (const end of router.ends) {
+      stackSas(end);
+      for (const sa of end.live.values()) addFinalCounts(sa, router.summary.sas);
+    }
   }
   return model;
 }
@@ -177,6 +180,16 @@ function addSaStep(end, event, span) {
     sa.packets = fields.packets;
     sa.bytes = fields.bytes;
     end.live.delete(fields.hand_over);
+  }
+}
+
+/** What an SA that lives to the end has carried. */
+function addFinalCounts(sa, table) {
+  const row = table.find((each) => each.path === sa.path && each.spi === sa.fields.spi &&
+    each.direction === sa.fields.direction);
+  if (row) {
+    sa.packets = row.packets;
+    sa.bytes = row.bytes;
   }
 }
 
