@@ -106,6 +106,11 @@ def check_zoom(page):
     session.keys("#scroller", "0")
     page.check(page.shown() == whole, "the key 0 does not show the whole run")
 
+    session.keys("#scroller", "\ue015\ue015nn")  # Two lanes down, and the second thing there.
+    page.check(page.run("return timeline.chosen.type === 'sa' && timeline.chosen.path === "
+                        "timeline.lanes[2].end.path") and page.details().startswith("SA 0x"),
+               "the keys do not choose things")
+
     x, y = page.run("""
         timeline.scroller.scrollIntoView({block: "center"});
         const box = timeline.canvas.getBoundingClientRect();

@@ -5,6 +5,7 @@ import json
 import re
 import subprocess
 import tempfile
+import urllib.error
 import urllib.request
 
 FLAGS = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
