@@ -14,8 +14,9 @@ enum ExitStatus : int {
   internalError = 3,
 };
 
-/// Runs the program on its arguments, without its own name, and returns its exit status. Never
-/// throws.
-int runProgram(std::vector<std::string> args, std::ostream& out, std::ostream& err);
+/// Runs the program on its arguments, without its own name, and returns its exit status. `colours`:
+/// `out` may be written in colours. Never throws.
+int runProgram(std::vector<std::string> args, std::ostream& out, std::ostream& err,
+               bool colours = false);
 
 }  // namespace tessel::lab

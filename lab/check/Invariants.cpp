@@ -64,6 +64,15 @@ void Invariants::look() {
   }
 }
 
+std::vector<std::pair<std::string, uint64_t>> Invariants::evaluated() const {
+  std::vector<std::pair<std::string, uint64_t>> counts;
+  for (size_t i = 0; i < kInvariants; ++i) {
+    const auto invariant = static_cast<Invariant>(i);
+    counts.emplace_back(invariantName(invariant), evaluated(invariant));
+  }
+  return counts;
+}
+
 void Invariants::scan(std::string_view output) {
   const char* const found = secrets_.find(output);
   if (findings_.violated(Invariant::noSecretInOutput, found == nullptr)) {

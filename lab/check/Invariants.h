@@ -3,7 +3,9 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "lab/check/Accounting.h"
@@ -37,6 +39,8 @@ class Invariants final : public LabObserver {
   const std::vector<Violation>& violations() const { return findings_.violations(); }
   /// How many times an invariant was evaluated: once per packet, path, router or log.
   uint64_t evaluated(Invariant invariant) const { return findings_.evaluated(invariant); }
+  /// By name, in their order.
+  std::vector<std::pair<std::string, uint64_t>> evaluated() const;
 
   /// Looks for secrets of the run in what it puts out: a line or a whole file, but no secret cut in
   /// two. May also be called when the lab is gone.

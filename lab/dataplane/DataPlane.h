@@ -49,6 +49,8 @@
 
 namespace tessel::lab {
 
+struct EspHeader;
+
 /// How the installation of one SA goes.
 struct InstallPlan {
   Duration delay{};    ///< From the hand-over; never() leaves the SA pending for ever.
@@ -163,7 +165,8 @@ class DataPlane {
   Sa* findInSa(uint32_t spi, const UdpEnds& ends) const;
   void count(Sa& sa, size_t innerSize);
   DropReason dropSending(PathRecord& path, DropReason reason, const Sa* sa);
-  Received dropReceived(const Sa* sa, DropReason reason, uint32_t spi, uint32_t sequence);
+  Received dropReceived(const Sa* sa, DropReason reason, const EspHeader& header,
+                        const UdpEnds& ends);
   Received acceptReceived(Sa& sa, BytesView inner, BytesView tfc);
   void handleProbeTimer();
   Duration now() const { return host_.scheduler->clock().monotonicTime(); }

@@ -10,6 +10,7 @@
 #include "host/model/Enumerations.h"
 #include "host/model/Keys.h"
 #include "lab/dataplane/DropReason.h"
+#include "lab/net/UdpPacket.h"
 
 namespace tessel::lab {
 
@@ -70,6 +71,7 @@ struct PacketDrop {
   std::optional<ConnectionKey> path{};  ///< Absent when the packet matches no SA.
   uint32_t spi = 0;                     ///< 0 when it was not read or there is none.
   uint32_t sequence = 0;                ///< 0 when it was not read.
+  UdpEnds ends{};                       ///< Of a received packet, as far as they were read.
 };
 
 /// A packet that was sealed, just before the network gets it.

@@ -90,38 +90,38 @@ std::optional<DropReason> DataPlane::sendPacket(const ConnectionKey& path, Bytes
 DataPlane::Received DataPlane::receivePacket(Bytes outer) {
   const std::optional<UdpPacket> udp = readUdpPacket(outer);
   if (!udp) {
-    return dropReceived(nullptr, DropReason::malformed, 0, 0);
+    return dropReceived(nullptr, DropReason::malformed, {}, {});
   }
   const std::span<uint8_t> esp = std::span(outer).subspan(udp->payloadOffset, udp->payloadSize);
   const std::optional<EspHeader> header = readEspHeader(esp);
   if (!header) {
-    return dropReceived(nullptr, DropReason::malformed, 0, 0);
+    return dropReceived(nullptr, DropReason::malformed, {}, udp->ends);
   }
   const Ptr<Sa> sa(findInSa(header->spi, udp->ends));
   if (!sa || sa->state == SaInstallState::pending || sa->state == SaInstallState::failed) {
-    return dropReceived(sa.get(), DropReason::noSa, header->spi, header->sequence);
+    return dropReceived(sa.get(), DropReason::noSa, *header, udp->ends);
   }
   if (!sa->installed() || (sa->cipherChanged && !refreshTransform(*sa))) {
-    return dropReceived(sa.get(), DropReason::badSa, header->spi, header->sequence);
+    return dropReceived(sa.get(), DropReason::badSa, *header, udp->ends);
   }
   const EspTransform::Opened opened = sa->transform->open(esp);
   if (opened.failure != EspTransform::Failure::none) {
     const DropReason reason = opened.failure == EspTransform::Failure::badIcv
                                   ? DropReason::badIcv
                                   : DropReason::malformed;
-    return dropReceived(sa.get(), reason, header->spi, header->sequence);
+    return dropReceived(sa.get(), reason, *header, udp->ends);
   }
   const ReplayWindow::Verdict verdict = sa->window.check(header->sequence);
   if (verdict != ReplayWindow::Verdict::fresh) {
     const DropReason reason =
         verdict == ReplayWindow::Verdict::replayed ? DropReason::replayed : DropReason::tooOld;
-    return dropReceived(sa.get(), reason, header->spi, header->sequence);
+    return dropReceived(sa.get(), reason, *header, udp->ends);
   }
   sa->window.accept(header->sequence);
   const size_t innerSize = ipPacketSize(opened.payload).value_or(0);
   const BytesView inner = opened.payload.first(innerSize);
   if (innerSize == 0 || innerProtocol(inner) != opened.nextHeader) {
-    return dropReceived(sa.get(), DropReason::malformed, header->spi, header->sequence);
+    return dropReceived(sa.get(), DropReason::malformed, *header, udp->ends);
   }
   return acceptReceived(*sa, inner, opened.payload.subspan(innerSize));
 }
@@ -205,8 +205,8 @@ DropReason DataPlane::dropSending(PathRecord& path, DropReason reason, const Sa*
   return reason;
 }
 
-DataPlane::Received DataPlane::dropReceived(const Sa* sa, DropReason reason, uint32_t spi,
-                                            uint32_t sequence) {
+DataPlane::Received DataPlane::dropReceived(const Sa* sa, DropReason reason,
+                                            const EspHeader& header, const UdpEnds& ends) {
   PathRecord* const path = sa != nullptr ? sa->path : nullptr;
   ++(path != nullptr ? path->statistics.receiveDrops : unmatchedDrops_)[reason];
   const Received received = {.drop = reason,
@@ -215,8 +215,9 @@ DataPlane::Received DataPlane::dropReceived(const Sa* sa, DropReason reason, uin
     observer.handleDrop({.reason = reason,
                          .sending = false,
                          .path = received.path,
-                         .spi = spi,
-                         .sequence = sequence});
+                         .spi = header.spi,
+                         .sequence = header.sequence,
+                         .ends = ends});
   });
   return received;
 }

@@ -36,6 +36,15 @@ Json asJson(const PeerSummary& peer) {
           {"initiator", peer.initiator}};
 }
 
+Json lossesOf(const LinkCounts& link) {
+  Json json = Json::object();
+  for (size_t i = 0; i < kLinkLosses; ++i) {
+    const auto reason = static_cast<LinkLoss>(i);
+    json[linkLossName(reason)] = link.lost(reason);
+  }
+  return json;
+}
+
 Json asJson(const PathSummary& path) {
   return {{"name", path.name},
           {"peer", path.peer},
@@ -50,7 +59,8 @@ Json asJson(const PathSummary& path) {
           {"sent_packets", path.packets.sent},
           {"received_packets", path.packets.received},
           {"send_drops", asJson(path.packets.sendDrops)},
-          {"receive_drops", asJson(path.packets.receiveDrops)}};
+          {"receive_drops", asJson(path.packets.receiveDrops)},
+          {"network_losses", lossesOf(path.link)}};
 }
 
 Json asJson(const SaSummary& sa) {
@@ -94,6 +104,52 @@ Json asJson(const Verdict& verdict) {
           {"expected", verdict.expected},
           {"held", verdict.held},
           {"found", verdict.found}};
+}
+
+Json asJson(const Violation& violation) {
+  return {{"invariant", violation.invariant},
+          {"at_seconds", violation.at.seconds()},
+          {"where", violation.where},
+          {"what", violation.what}};
+}
+
+Json asJson(const Finding::Before& before) {
+  Json json = {{"at_seconds", before.at.seconds()}, {"text", before.text}};
+  if (!before.router.empty()) {
+    json["router"] = before.router;
+  }
+  return json;
+}
+
+Json asJson(const Finding& finding) {
+  Json json = {{"kind", findingKindName(finding.kind)},
+               {"router", finding.router},
+               {"from_seconds", finding.from.seconds()},
+               {"to_seconds", finding.to ? Json(finding.to->seconds()) : Json(nullptr)},
+               {"title", finding.title},
+               {"explanation", finding.explanation},
+               {"before", Json::array()}};
+  for (const Finding::Before& before : finding.before) {
+    json["before"].push_back(asJson(before));
+  }
+  const auto put = [&](const char* name, const std::string& value) {
+    if (!value.empty()) {
+      json[name] = value;
+    }
+  };
+  put("path", finding.path);
+  put("peer", finding.peer);
+  put("reason", finding.reason);
+  if (finding.spi) {
+    json["spi"] = spiText(*finding.spi);
+  }
+  if (finding.kind == Finding::Kind::drops || finding.kind == Finding::Kind::installation) {
+    json["direction"] = finding.sending ? "out" : "in";
+  }
+  if (finding.kind == Finding::Kind::drops) {
+    json["packets"] = finding.count;
+  }
+  return json;
 }
 
 Json asJson(const StreamCounts& stream) {
@@ -151,7 +207,7 @@ Json asJson(const Lab& lab, const RouterSummary& router) {
 
 }  // namespace
 
-std::string jsonReport(const Lab& lab) {
+nlohmann::json jsonDocument(const Lab& lab, const Examination& examination) {
   std::vector<RouterSummary> routers;
   for (const std::unique_ptr<Router>& router : lab.routers()) {
     routers.push_back(summaryOf(lab, *router));
@@ -161,19 +217,33 @@ std::string jsonReport(const Lab& lab) {
   for (const RouterSummary& router : routers) {
     routerList.push_back(asJson(lab, router));
   }
+  uint64_t evaluated = 0;
+  Json byName = Json::object();
+  for (const auto& [invariant, count] : examination.evaluated) {
+    evaluated += count;
+    byName[invariant] = count;
+  }
   const Scenario& scenario = lab.scenario();
-  const Json document = {{"format", "tessel-lab-report"},
-                         {"version", 1},
-                         {"scenario",
-                          {{"name", scenario.name},
-                           {"seed", scenario.seed},
-                           {"duration_seconds", scenario.duration.seconds()}}},
-                         {"end_seconds", lab.now().seconds()},
-                         {"held", lab.held()},
-                         {"expectations", asList(lab.verdicts())},
-                         {"routers", routerList},
-                         {"traffic", asList(lab.traffic().streams())}};
-  return document.dump(2) + "\n";
+  return {{"format", "tessel-lab-report"},
+          {"version", 2},
+          {"scenario",
+           {{"name", scenario.name},
+            {"seed", scenario.seed},
+            {"duration_seconds", scenario.duration.seconds()}}},
+          {"end_seconds", lab.now().seconds()},
+          {"held", lab.held()},
+          {"expectations", asList(lab.verdicts())},
+          {"invariants",
+           {{"evaluated", evaluated},
+            {"by_name", byName},
+            {"violations", asList(examination.violations)}}},
+          {"findings", asList(examination.findings)},
+          {"routers", routerList},
+          {"traffic", asList(lab.traffic().streams())}};
+}
+
+std::string jsonReport(const Lab& lab, const Examination& examination) {
+  return jsonDocument(lab, examination).dump(2) + "\n";
 }
 
 }  // namespace tessel::lab

@@ -3,12 +3,12 @@
 
 #include <functional>
 #include <map>
-#include <memory>
-#include <set>
 #include <string>
 #include <string_view>
+#include <tuple>
 
-#include "lab/run/LabObserver.h"
+#include "lab/report/LabEvent.h"
+#include "lab/scenario/Scenario.h"
 
 namespace tessel::lab {
 
@@ -19,44 +19,38 @@ namespace tessel::lab {
 ///        0.120 s  east  path internet: established -> active
 ///
 /// Drops of one kind are gathered: the first is told at once, what follows in intervals.
-class Narrator final : public LabObserver {
+class Narrator final : public LabEventSink {
  public:
-  using Write = std::function<void(std::string_view line)>;
+  /// What a line is about, for those who colour it.
+  enum class Tone : uint8_t { plain, good, bad, lab };
+  /// Gets whole lines, with their newline.
+  using Write = std::function<void(Tone tone, std::string_view line)>;
 
-  /// `write` gets whole lines, with their newline.
   Narrator(const Scenario& scenario, Write write);
-  Narrator(const Narrator&) = delete;
-  Narrator& operator=(const Narrator&) = delete;
-  ~Narrator() override;
+
+  void handle(const LabEvent& event) override;
+  bool wantsEverything() const override { return false; }
+  /// Tells the drops that are due by then.
+  void finish(Duration now) { tellDueDrops(now); }
 
  private:
-  class AgentWatch;
+  /// Drops of one kind: what was told of them, and when to tell the rest.
+  struct DropRun {
+    uint64_t untold = 0;
+    size_t step = 0;
+    Duration due = Duration::never();
+  };
+  using DropKind =
+      std::tuple<std::string, std::string, DropReason, bool>;  // Router, path, sending.
 
-  void handleEnd() override;
-  void handleRouterUp(Router& router) override;
-  void handleRouterDown(Router& router) override;
-  void handleInnerPacket(Router& router, const ConnectionKey& path, BytesView inner) override;
-  void handlePublished(const std::string& router, const Controller::PeerKeyInfo* record) override;
-  void handleDelivered(const std::string& router, const IpGenAddr& originator,
-                       const Controller::PeerKeyInfo* record) override;
-  void handleConnected(const std::string& router, bool connected) override;
-  void handleAction(const TimelineEntry& entry) override;
-  void handleVerdict(const Verdict& verdict) override;
-  void handleEvent(const Router& router, const LocalEvent& event) override;
-  void handleEvent(const Router& router, const PeerEvent& event) override;
-  void handleEvent(const Router& router, const PathEvent& event) override;
-  void handleLog(const AgentLogLine& line) override;
-  void handleTrace(const TraceLine& line) override;
-
-  void tell(std::string_view router, std::string_view text);
-  void tellAt(Duration time, std::string_view router, std::string_view text);
-  std::string routerName(const IpGenAddr& address) const;
+  void handleDrop(const LabEvent& event, const event::Drop& drop);
+  void tellDueDrops(Duration now);
+  void tell(Duration time, std::string_view router, Tone tone, std::string_view text);
 
   const Write write_;
   size_t nameWidth_;
-  const Clock* clock_ = nullptr;
-  std::map<IpGenAddr, std::string> namesByAddress_;
-  std::map<std::string, std::unique_ptr<AgentWatch>> agents_;
+  std::map<DropKind, DropRun> drops_;
+  Duration nextDue_ = Duration::never();
 };
 
 }  // namespace tessel::lab

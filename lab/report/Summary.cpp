@@ -35,7 +35,8 @@ void addPaths(const Router& router, RouterSummary& summary) {
                      .remoteAddr = end.key.dstAddr,
                      .localPort = end.localPort,
                      .remotePort = end.remotePort,
-                     .wanted = path->wanted()};
+                     .wanted = path->wanted(),
+                     .link = path->link->counts(path->linkEnd)};
     if (router.up()) {
       const PathView view = router.pathView(end.name);
       each.state = view.exists() ? std::optional(view.state()) : std::nullopt;

@@ -37,6 +37,7 @@ struct PathSummary {
   SmState saRekeyRole = SmState::idle;
   DhKeyPair generations{};  ///< Of the out-SA in use.
   PathStatistics packets{};
+  LinkCounts link{};  ///< Of the direction that starts here, since the beginning of the run.
 };
 
 struct PeerSummary {

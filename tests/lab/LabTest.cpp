@@ -6,8 +6,11 @@
 #include <fmt/format.h>
 
 #include "lab/ReadFile.h"
+#include "lab/report/EventFile.h"
+#include "lab/report/EventStream.h"
 #include "lab/report/JsonReport.h"
 #include "lab/report/Narrator.h"
+#include "lab/report/ReportPage.h"
 #include "lab/report/TextReport.h"
 #include "lab/run/Expectations.h"
 #include "lab/run/Lab.h"
@@ -33,10 +36,12 @@ std::string storyOf(uint64_t seed) {
       {.at = seconds(150), .action = ForceDhRekey{.router = "west"}},
       {.at = seconds(300), .action = RestartRouter{.router = "east", .downFor = seconds(3)}}};
   std::string story;
-  Narrator narrator(scenario, [&story](std::string_view line) { story += line; });
-  Lab lab(scenario, {&narrator});
+  Narrator narrator(scenario, [&](Narrator::Tone, std::string_view line) { story += line; });
+  EventStream stream(scenario, {&narrator});
+  Lab lab(scenario, {&stream});
   lab.tracingIs(true);
   lab.finish();
+  narrator.finish(lab.now());
   return story + routerTables(lab) + trafficTable(lab) + jsonReport(lab);
 }
 
@@ -58,8 +63,12 @@ std::string hex(BytesView bytes) {
 TEST(Lab, TellsNothingSecret) {
   Scenario scenario = meshScenario({.seed = 3});
   std::string story;
-  Narrator narrator(scenario, [&story](std::string_view line) { story += line; });
-  Lab lab(scenario, {&narrator});
+  Narrator narrator(scenario, [&](Narrator::Tone, std::string_view line) { story += line; });
+  std::ostringstream events;
+  EventFile eventFile(events);
+  History history(seconds(1));
+  EventStream stream(scenario, {&narrator, &eventFile, &history});
+  Lab lab(scenario, {&stream});
   lab.tracingIs(true);
   std::set<std::string> secrets;
   const auto collect = [&] {
@@ -84,7 +93,10 @@ TEST(Lab, TellsNothingSecret) {
     }
   }
   ASSERT_GT(secrets.size(), 10U);
-  story += routerTables(lab) + jsonReport(lab);
+  const Explain explain(history, lab);
+  std::ostringstream page;
+  writeReportPage(page, lab, history, explain, {.findings = explain.findings()});
+  story += routerTables(lab) + jsonReport(lab) + events.str() + page.str();
   for (const std::string& secret : secrets) {
     EXPECT_THAT(story, Not(HasSubstr(secret)));
   }

@@ -1,0 +1,13 @@
+// The options of tessel-lab fuzz.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include "lab/fuzz/FuzzCommand.h"
+
+namespace tessel::lab {
+
+/// Adds the subcommand, which fills `options`.
+CLI::App& addFuzz(CLI::App& app, FuzzOptions& options);
+
+}  // namespace tessel::lab
