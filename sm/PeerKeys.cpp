@@ -98,6 +98,7 @@ void PeerKeys::doCreatePeerKeyInfo(const IpGenAddr& peer, const Controller::Peer
     sm_.peerKeyTaskNewKeyInc(1);
     (void)rememberedRole(peer);  // Also when the exchange fails before the role is asked for.
     doFirstDhExchange(peer);
+    joinLocalDhRekey(peer);
     return;
   }
 
@@ -116,6 +117,7 @@ void PeerKeys::doCreatePeerKeyInfo(const IpGenAddr& peer, const Controller::Peer
     doDeletePeerKeyInfo(peer);
     addLocalPeerKeyInfo(peer, info);
     doFirstDhExchange(peer);
+    joinLocalDhRekey(peer);
   } else {
     TRACE("Received DH rekey message from peer with the old rekeyCounter:", peer, oldCounter,
           " and the new rekeyCounter:", newCounter);
@@ -172,6 +174,17 @@ void PeerKeys::doFirstDhExchange(const IpGenAddr& peer) {
   initialDhCompletedIs(peer);
   rememberedRoles_.take(peer);
   sm_.events().recordPeerEvent("firstDhExchange", peer);
+}
+
+void PeerKeys::joinLocalDhRekey(const IpGenAddr& peer) {
+  if (!initialDhCompleted(peer) ||
+      sm_.localKey().getNewestLocalRekeyCount() <= sm_.ipsecLocalKeyDir()->rekeyCounter()) {
+    return;
+  }
+  TRACE("Local DH rekey is in progress at the first DH exchange, schedule DH rekey for the peer",
+        peer);
+  sm_.dhRekeyBacklogIs(peer);
+  sm_.dhRekeyTask()->scheduleTask();
 }
 
 // Stored generations.

@@ -71,6 +71,8 @@ class PeerKeys {
     Bytes nonce;
   };
 
+  /// A local DH rekey goes on that queued its peers before this one was there.
+  void joinLocalDhRekey(const IpGenAddr& peer);
   void rememberRole(const IpGenAddr& peer);
 
   TesselV1Sm& sm_;
