@@ -13,12 +13,6 @@ namespace tessel::Ipsec {
 
 namespace {
 
-/// Established, idle or active: no rekey runs, and the steady SAs carry the traffic.
-bool isSteady(DynamicPathState state) {
-  return state == DynamicPathState::established || state == DynamicPathState::idle ||
-         state == DynamicPathState::active;
-}
-
 /// The state that traffic completes a rekey to, for the states that wait for it.
 std::optional<DynamicPathState> completeState(DynamicPathState state) {
   switch (state) {

@@ -94,6 +94,11 @@ enum class DynamicPathState : uint8_t {
 };
 inline constexpr size_t kDynamicPathStates = 32;
 std::string stringValue(DynamicPathState state);
+/// Established, idle or active: no rekey runs, and the steady SAs carry the traffic.
+constexpr bool isSteady(DynamicPathState state) {
+  return state == DynamicPathState::established || state == DynamicPathState::idle ||
+         state == DynamicPathState::active;
+}
 
 /// Whether a peer's crypto is derived.
 enum class PeerConnStatus : uint8_t { ready = 0, down = 1 };

@@ -5,6 +5,7 @@
 #include "lab/run/Lab.h"
 #include "sm/DhRekey.h"
 #include "sm/LocalKey.h"
+#include "sm/PeerKeys.h"
 
 namespace tessel::lab {
 namespace {
@@ -31,7 +32,8 @@ std::string whyNotAtRest(const Router& router, const RouterPath& path, const Rou
   if (here.sas().size() != 2 || in.size() != 1 || out.size() != 1) {
     return fmt::format("has {} SAs", here.sas().size());
   }
-  if (in[0]->sakey().spi != out[0]->sakey().spi || in[0]->cryptoKey() != out[0]->cryptoKey()) {
+  if (in[0]->sakey().spi != out[0]->sakey().spi || in[0]->cryptoKey() != out[0]->cryptoKey() ||
+      in[0]->authKey() != out[0]->authKey()) {
     return "receives with another SA than its peer sends with";
   }
   const DhKeyPair pair = here.dhKeyPair();
@@ -71,6 +73,15 @@ std::string whyNotAtRest(const Router& router) {
   const size_t generations = router.machine().localKey().localKeyInfo().size();
   if (generations != 1) {
     return fmt::format("{} holds {} generations of its key", router.name(), generations);
+  }
+  for (const auto& [peer, connection] : router.entities().ipsecStatus->ipsecPeerConnectionState()) {
+    // The generation before is kept as well.
+    const Ptr<TesselPeerKeyInfoList> list = router.machine().peerKeys().localPeerKeyInfoList(peer);
+    const size_t theirs = list ? list->peerKeyInfo().size() : 0;
+    if (theirs > 2 || connection->dhCryptoInfo().size() > 4) {
+      return fmt::format("{} holds {} generations of {} and {} crypto records", router.name(),
+                         theirs, peer.stringValue(), connection->dhCryptoInfo().size());
+    }
   }
   return {};
 }

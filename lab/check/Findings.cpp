@@ -82,6 +82,10 @@ std::string stringValue(const Violation& violation) {
          ": " + violation.what;
 }
 
+Place placeOf(const PathPlan& path) {
+  return {.routers = {path.ends[0].router, path.ends[1].router}, .path = path.name};
+}
+
 Violation violationAt(const Lab* lab, const char* invariant, const Place& place, std::string what) {
   return {.invariant = invariant,
           .at = lab != nullptr ? lab->now() : Duration(),

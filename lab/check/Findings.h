@@ -14,6 +14,7 @@
 namespace tessel::lab {
 
 class Lab;
+struct PathPlan;
 
 /// docs/invariants.md says what each of them means.
 enum class Invariant : uint8_t {
@@ -43,6 +44,9 @@ struct Place {
   std::string path{};    ///< Empty: it is not about one path.
   std::string detail{};  ///< What of it, for example "peer 192.0.2.1".
 };
+
+/// Both routers of a path, and the path.
+Place placeOf(const PathPlan& path);
 
 /// An invariant that did not hold.
 struct Violation {

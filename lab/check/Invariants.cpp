@@ -111,14 +111,18 @@ void Invariants::handlePublished(const std::string& router, const Controller::Pe
 void Invariants::handleEvent(const Router& router, const LocalEvent& event) {
   if (std::string_view(event.eventName.text()) == "dhRekeyInitiated") {
     checks_->packets.windows().handleRekeyInitiated(router);
+    checks_->tables.handleRekeyInitiated(router);
   }
 }
 
 void Invariants::handleEvent(const Router& router, const PathEvent& event) {
   if (router.path(event.connectionKey) != nullptr) {
     const EndId id = checks_->packets.mesh().find(router, event.connectionKey);
-    if (event.pathState == DynamicPathState::rebuild) {
+    const std::string_view name = event.eventName.text();
+    if (event.pathState == DynamicPathState::rebuild && name.starts_with("markPathsAs")) {
       checks_->packets.windows().handleMarkedForRebuild(id);
+    } else if (name == "markPathsAsDhRekeyInitiated") {
+      checks_->packets.windows().handleDhRekeyMarked(id);
     }
     checks_->paths.handleEvent(id, event);
   }
@@ -131,6 +135,10 @@ void Invariants::handleEvent(const Router& router, const SecurityAssociationKey&
     secrets_.add((*sa)->cryptoKey().view(), "encryption key of an SA");
     secrets_.add((*sa)->authKey().view(), "integrity key of an SA");
   }
+}
+
+void Invariants::handleLog(const AgentLogLine& line) {
+  scan(line.text);
 }
 
 void Invariants::handleEnd() {

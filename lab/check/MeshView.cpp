@@ -28,9 +28,22 @@ EndId MeshView::find(const Router& router, const ConnectionKey& key) const {
   return {path, ends_[path][0].router == &router ? 0U : 1U};
 }
 
-Place MeshView::place(size_t path) const {
-  return {.routers = {plan(path).ends[0].router, plan(path).ends[1].router},
-          .path = plan(path).name};
+Ptr<Ike::PeerConnectionState> MeshView::peerState(EndId id) const {
+  const End& end = this->end(id);
+  return end.router->up()
+             ? end.router->entities().ipsecStatus->ipsecPeerConnectionState(end.path->end.peerAddr)
+             : nullptr;
+}
+
+Ptr<Ike::PathConnState> MeshView::pathState(EndId id) const {
+  const Ptr<Ike::PeerConnectionState> peer = peerState(id);
+  return peer ? peer->pathConnState(end(id).path->end.key) : nullptr;
+}
+
+bool MeshView::forcesActive(EndId id) const {
+  const Router& router = *end(id).router;
+  const Ptr<Ike::TestKnob> knob = router.up() ? router.entities().ipsecStatus->testKnob() : nullptr;
+  return knob && knob->forcePathActive();
 }
 
 const MeshView::Sa* MeshView::sending(EndId id) const {

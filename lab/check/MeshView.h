@@ -31,6 +31,7 @@ class MeshView {
     SecurityAssociationKey key;
     bool inbound = false;
     bool installed = false;
+    bool failed = false;  ///< Its installation did, and it was never installed.
     uint64_t handOver = 0;
   };
   struct End {
@@ -53,8 +54,14 @@ class MeshView {
   EndId find(const Router& router, const ConnectionKey& key) const;
   /// The ends of a router's paths.
   const std::vector<EndId>& endsOf(const Router& router) const { return byRouter_[router.index()]; }
-  /// Both routers and the path.
-  Place place(size_t path) const;
+  /// What the agent at the end stores of the peer that the path layer names, and of the path; null
+  /// when it stores nothing, or is down.
+  Ptr<Ike::PeerConnectionState> peerState(EndId id) const;
+  Ptr<Ike::PathConnState> pathState(EndId id) const;
+  /// Whether the end's agent takes every path for active, whatever its data plane sees.
+  bool forcesActive(EndId id) const;
+
+  Place place(size_t path) const { return placeOf(plan(path)); }
 
   /// The installed out-SA that was handed over last: what the end sends on. Null without one.
   const Sa* sending(EndId id) const;

@@ -65,12 +65,12 @@ class PacketChecks::Watch final : public DataPlaneObserver {
     sasOf(sa).push_back({.key = sa.key, .inbound = sa.inbound, .handOver = sa.handOver});
   }
   void handleSaInstalled(const SaReport& sa) override {
-    update(sa, true);
+    update(sa);
     owner_.handleInstalled(idOf(sa), sa);
   }
   void handleSaNotInstalled(const SaReport& sa) override {
     if (isOfPath(sa)) {
-      update(sa, false);
+      update(sa);
     }
   }
   void handleSaRemoved(const SaReport& sa) override {
@@ -81,6 +81,8 @@ class PacketChecks::Watch final : public DataPlaneObserver {
     std::erase_if(sas, [&](const MeshView::Sa& each) { return each.key == sa.key; });
     if (sas.empty()) {
       owner_.windows_.handleAllGone(idOf(sa));
+    } else {
+      owner_.windows_.handleRemoved(idOf(sa));
     }
   }
 
@@ -88,10 +90,11 @@ class PacketChecks::Watch final : public DataPlaneObserver {
   bool isOfPath(const SaReport& sa) const { return router_.path(sa.path) != nullptr; }
   EndId idOf(const SaReport& sa) const { return owner_.mesh_.find(router_, sa.path); }
   std::vector<MeshView::Sa>& sasOf(const SaReport& sa) { return owner_.mesh_.end(idOf(sa)).sas; }
-  void update(const SaReport& sa, bool installed) {
+  void update(const SaReport& sa) {
     for (MeshView::Sa& each : sasOf(sa)) {
       if (each.key == sa.key) {
-        each.installed = installed;
+        each.installed = sa.state == SaInstallState::installed;
+        each.failed = sa.state == SaInstallState::failed && sa.installedAt.isNever();
       }
     }
   }
@@ -137,9 +140,7 @@ void PacketChecks::handleNonceSent(EndId from, const SaReport& sa, uint32_t word
     end.nonceWords.erase(end.nonceWords.begin());
   }
   end.nonceWords.push_back(word);
-  const Ptr<Ike::PeerConnectionState>& peer =
-      end.router->entities().ipsecStatus->ipsecPeerConnectionState(end.path->end.peerAddr);
-  const Ptr<Ike::PathConnState> path = peer ? peer->pathConnState(end.path->end.key) : nullptr;
+  const Ptr<Ike::PathConnState> path = mesh_.pathState(from);
   if (path && findings_.violated(Invariant::noncesArrive,
                                  (word & kNonceMask) == path->saLocalNonce().nonceValue)) {
     findings_.add(Invariant::noncesArrive, mesh_.place(from.path),
@@ -190,11 +191,14 @@ void PacketChecks::checkReceiver(EndId from, const PacketSent& packet) {
 }
 
 void PacketChecks::checkIv(EndId from, const PacketSent& packet) {
-  if (packet.iv.size() != kIvCounterSize) {
-    return;  // Random ones, as for CBC, repeat by chance alone.
+  if (packet.iv.empty()) {
+    return;  // Nothing is encrypted.
   }
-  if (findings_.violated(Invariant::ivNeverTwice,
-                         insert(ivs_[packet.sa->keyTag], get64(packet.iv.data())))) {
+  const uint64_t iv = get64(packet.iv.data());
+  const bool isNew = packet.iv.size() == kIvCounterSize
+                         ? insert(ivs_[packet.sa->keyTag], iv)
+                         : randomIvs_[packet.sa->keyTag].insert(iv).second;
+  if (findings_.violated(Invariant::ivNeverTwice, isNew)) {
     findings_.add(Invariant::ivNeverTwice, mesh_.place(from.path),
                   "SA " + spiText(packet.sa->key.spi) + " sent packet " +
                       std::to_string(packet.sequence) + " with an IV that its key has had before");

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "lab/check/Findings.h"
@@ -46,7 +47,9 @@ class PacketChecks {
   MeshView mesh_;
   SendWindows windows_;
   std::vector<std::unique_ptr<Watch>> watches_;
-  std::unordered_map<uint64_t, IvRanges> ivs_;  // By the key's tag; looked up, never walked.
+  // By the key's tag; looked up, never walked.
+  std::unordered_map<uint64_t, IvRanges> ivs_;
+  std::unordered_map<uint64_t, std::unordered_set<uint64_t>> randomIvs_;
 };
 
 }  // namespace tessel::lab

@@ -9,20 +9,9 @@ namespace {
 
 /// The look that sees a state may be late by its period, and the pass by what runs before it.
 constexpr Duration kSlack = seconds(15);
-
-bool isSteady(DynamicPathState state) {
-  return state == DynamicPathState::established || state == DynamicPathState::idle ||
-         state == DynamicPathState::active;
-}
-
-Ptr<Ike::PathConnState> stateOf(const MeshView::End& end) {
-  if (!end.router->up()) {
-    return nullptr;
-  }
-  const Ptr<Ike::PeerConnectionState>& peer =
-      end.router->entities().ipsecStatus->ipsecPeerConnectionState(end.path->end.peerAddr);
-  return peer ? peer->pathConnState(end.path->end.key) : nullptr;
-}
+/// So often may a path enter the state again that it is in: the data path's counters restarted and
+/// the first packets came in again, or the peer was rebuilt and answered again.
+constexpr uint32_t kReentries = 3;
 
 /// The steady SAs of a path that has no others.
 struct SteadyPair {
@@ -65,8 +54,8 @@ PathChecks::PathChecks(const Lab& lab, const MeshView& mesh, const SendWindows& 
 
 void PathChecks::look() {
   for (size_t path = 0; path < mesh_.paths(); ++path) {
-    const std::array<Ptr<Ike::PathConnState>, 2> ends = {stateOf(mesh_.end({path, 0})),
-                                                         stateOf(mesh_.end({path, 1}))};
+    const std::array<Ptr<Ike::PathConnState>, 2> ends = {mesh_.pathState({path, 0}),
+                                                         mesh_.pathState({path, 1})};
     checkStay({path, 0}, ends[0]);
     checkStay({path, 1}, ends[1]);
     if (ends[0] && ends[1] && windows_.closed(path)) {
@@ -82,6 +71,11 @@ void PathChecks::handleEvent(EndId id, const PathEvent& event) {
       name == "markPathsAsDhRekeyResponder") {
     stay.state = event.pathState;
     stay.since = lab_.now();
+    stay.reentries = 0;
+  } else if (name == "createControllerSAs" && stay.reentries < kReentries &&
+             lab_.now() != stay.since) {
+    stay.since = lab_.now();
+    ++stay.reentries;
   }
 }
 
@@ -91,12 +85,9 @@ bool PathChecks::clockRuns(EndId id, const Ptr<Ike::PathConnState>& path) const 
   if (!path || isSteady(path->pathState()) || end.router->running().scheduler->paused()) {
     return false;
   }
-  const RouterEntities& entities = end.router->entities();
   const Ptr<Path::PathStatus>& status =
-      entities.ipsecPathStatusDir->ipsecPathStatus(end.path->end.key);
-  const Ptr<Ike::TestKnob>& knob = entities.ipsecStatus->testKnob();
-  return status && status->state() == Path::UnderlayState::established &&
-         !(knob && knob->forcePathActive());
+      end.router->entities().ipsecPathStatusDir->ipsecPathStatus(end.path->end.key);
+  return status && status->state() == Path::UnderlayState::established && !mesh_.forcesActive(id);
 }
 
 void PathChecks::checkStay(EndId id, const Ptr<Ike::PathConnState>& path) {

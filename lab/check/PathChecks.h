@@ -25,6 +25,7 @@ class PathChecks {
   struct Stay {
     DynamicPathState state = DynamicPathState::none;
     Duration since{};
+    uint32_t reentries = 0;
     uint64_t sent = 0;
     uint64_t received = 0;
     Duration sentAt{};      ///< When the look found that it had sent.

@@ -10,16 +10,6 @@ namespace {
 /// A DH rekey waits that long for a path's in-SA.
 constexpr Duration kMaxPending = seconds(60);
 
-/// The path as the router's agent lists it at the peer that the path layer names; null when not.
-Ptr<Ike::PeerConnectionState> peerOf(const MeshView::End& end) {
-  return end.router->entities().ipsecStatus->ipsecPeerConnectionState(end.path->end.peerAddr);
-}
-
-Ptr<Ike::PathConnState> pathOf(const MeshView::End& end) {
-  const Ptr<Ike::PeerConnectionState> peer = end.router->up() ? peerOf(end) : nullptr;
-  return peer ? peer->pathConnState(end.path->end.key) : nullptr;
-}
-
 bool isUsable(const PathCondition& condition) {
   return condition.up && condition.allowed && condition.enabled &&
          (condition.connection == Ike::ConnectionState::established ||
@@ -36,6 +26,9 @@ SendWindows::SendWindows(const Lab& lab, const MeshView& mesh)
 
 void SendWindows::handleAllGone(EndId id) {
   Window& window = windows_[id.path];
+  if (!window.open) {
+    window.emptied[id.end] = mesh_.pathState(id);
+  }
   window.open = true;
   window.since = lab_.now();
   window.inSaRekey[1 - id.end] = isInSaRekey(id.other());
@@ -44,9 +37,25 @@ void SendWindows::handleAllGone(EndId id) {
 
 void SendWindows::handleInstalled(EndId id) {
   closeIfMatching(id.path);
-  std::optional<LeftBehind>& left = windows_[id.path].leftBehind[id.end];
-  if (left && hasInSa(id, left->newest)) {
-    left.reset();
+}
+
+void SendWindows::handleRemoved(EndId id) {
+  openIfBlind(id);
+}
+
+void SendWindows::handleDhRekeyMarked(EndId id) {
+  // SAs of its last DH rekey are still to become the steady ones.
+  const Ptr<Ike::PathConnState> path = mesh_.pathState(id);
+  if (!path) {
+    return;  // It stands at another peer than the path layer says.
+  }
+  for (const auto& [key, saInfo] : path->pathConnSaInfo()) {
+    const SaType type = saInfo->sa()->saType();
+    if ((type == SaType::dhRekeyIn || type == SaType::dhRekeyOut) &&
+        saInfo->sa()->dhKeyPair().localRekeyCount > path->curOutSaDhKeyPair().localRekeyCount) {
+      handleMarkedForRebuild(id);
+      return;
+    }
   }
 }
 
@@ -72,7 +81,9 @@ void SendWindows::handlePublished(const Router& router, uint64_t generation) {
 
 void SendWindows::look() {
   for (size_t path = 0; path < windows_.size(); ++path) {
-    openIfBlind(path);
+    closeIfEmptied(path);
+    openIfBlind({path, 0});
+    openIfBlind({path, 1});
     if (closed(path)) {
       continue;
     }
@@ -91,7 +102,12 @@ void SendWindows::look() {
 
 std::string SendWindows::whyNot(EndId from, const SaReport& sa) {
   Window& window = windows_[from.path];
-  openIfBlind(from.path);
+  closeIfEmptied(from.path);
+  openIfBlind(from);
+  openIfBlind(from.other());
+  if (isBeingInstalled(from.other(), sa.key.spi)) {
+    return {};
+  }
   std::string why = "no window is open";
   if (window.open) {
     if (!isOverdue(from.path, window.since)) {
@@ -100,10 +116,8 @@ std::string SendWindows::whyNot(EndId from, const SaReport& sa) {
     why = "the path has not come back since " + stringValue(window.since);
   }
   if (std::optional<LeftBehind>& left = window.leftBehind[1 - from.end]) {
-    const Ptr<Ike::SecurityAssociation>* const entity =
-        mesh_.end(from).router->entities().tesselV1->sa().find(sa.key);
-    const uint64_t generation = entity == nullptr ? 0 : (*entity)->dhKeyPair().peerRekeyCount;
-    if (entity != nullptr && left->first <= generation && generation <= left->newest) {
+    const std::optional<DhKeyPair> pair = pairOf(from, sa.key);
+    if (pair && left->first <= pair->peerRekeyCount && pair->peerRekeyCount <= left->newest) {
       if (!isOverdue(from.path, left->since)) {
         return {};
       }
@@ -118,23 +132,40 @@ bool SendWindows::closed(size_t path) const {
   return !window.open && !window.leftBehind[0] && !window.leftBehind[1];
 }
 
+void SendWindows::closeIfEmptied(size_t path) {
+  Window& window = windows_[path];
+  for (const size_t end : {0U, 1U}) {
+    const Ptr<Ike::PathConnState> emptied = std::move(window.emptied[end]);
+    if (emptied && mesh_.pathState({path, end}) == emptied) {
+      window.open = false;
+    }
+  }
+}
+
 void SendWindows::closeIfMatching(size_t path) {
   Window& window = windows_[path];
+  for (const size_t end : {0U, 1U}) {
+    std::optional<LeftBehind>& left = window.leftBehind[end];
+    if (left && hasInSa({path, end}, left->newest) && mesh_.matches({path, 1 - end})) {
+      left.reset();
+    }
+  }
   if (!window.open) {
     return;
   }
   bool back = true;
   for (const size_t end : {0U, 1U}) {
     window.inSaRekey[end] = window.inSaRekey[end] && isInSaRekey({path, end});
-    window.marked[end] = window.marked[end] && !isSteady({path, end});
+    const Ptr<Ike::PathConnState> state = mesh_.pathState({path, end});
+    window.marked[end] = window.marked[end] && !(state && isSteady(state->pathState()));
     back = back && !window.inSaRekey[end] && !window.marked[end] && mesh_.matches({path, end});
   }
   window.open = !back;
 }
 
-void SendWindows::openIfBlind(size_t path) {
-  Window& window = windows_[path];
-  if (!window.open && (isBlind({path, 0}) || isBlind({path, 1}))) {
+void SendWindows::openIfBlind(EndId id) {
+  Window& window = windows_[id.path];
+  if (!window.open && isBlind(id)) {
     window.open = true;
     window.since = lab_.now();
   }
@@ -146,31 +177,19 @@ bool SendWindows::isBlind(EndId id) const {
   if (!end.router->up()) {
     return false;
   }
-  const RouterEntities& entities = end.router->entities();
-  const Ptr<Ike::TestKnob>& knob = entities.ipsecStatus->testKnob();
-  if (knob && knob->forcePathActive()) {
+  if (mesh_.forcesActive(id)) {
     return true;
   }
+  const auto& counters = end.router->entities().ipsecCounterTable;
   return std::ranges::any_of(end.sas, [&](const MeshView::Sa& sa) {
-    const std::optional<SaReport> report = end.router->dataPlane().sa(sa.key);
-    const bool never = report && report->installedAt.isNever();
-    return report && ((report->state == SaInstallState::failed && never) ||
-                      (report->state == SaInstallState::installed &&
-                       entities.ipsecCounterTable->saCounterEntry(sa.key).addTime == 0));
+    return sa.failed || (sa.installed && counters->saCounterEntry(sa.key).addTime == 0);
   });
 }
 
 bool SendWindows::isInSaRekey(EndId id) const {
-  const Ptr<Ike::PathConnState> path = pathOf(mesh_.end(id));
+  const Ptr<Ike::PathConnState> path = mesh_.pathState(id);
   return path &&
          (path->saSmState() == SmState::initiator || path->saSmState() == SmState::responder);
-}
-
-bool SendWindows::isSteady(EndId id) const {
-  const Ptr<Ike::PathConnState> path = pathOf(mesh_.end(id));
-  return path && (path->pathState() == DynamicPathState::established ||
-                  path->pathState() == DynamicPathState::idle ||
-                  path->pathState() == DynamicPathState::active);
 }
 
 Duration SendWindows::bound(size_t path) const {
@@ -197,7 +216,7 @@ bool SendWindows::isImpeded(size_t path) const {
     return true;
   }
   // Both in the same role: they derive different keys for as long as neither starts over.
-  return peerOf(mesh_.end({path, 0}))->initiator() == peerOf(mesh_.end({path, 1}))->initiator();
+  return mesh_.peerState({path, 0})->initiator() == mesh_.peerState({path, 1})->initiator();
 }
 
 /// Whether an end lacks something that it needs to have the path up.
@@ -208,9 +227,7 @@ bool SendWindows::isImpeded(EndId id) const {
   if (!router.up() || !other.up() || router.running().scheduler->paused()) {
     return true;
   }
-  const Ptr<Ike::TestKnob>& knob = router.entities().ipsecStatus->testKnob();
-  if (!end.path->wanted() || !isUsable(end.path->end.condition) ||
-      (knob && knob->forcePathActive())) {
+  if (!end.path->wanted() || !isUsable(end.path->end.condition) || mesh_.forcesActive(id)) {
     return true;
   }
   const std::shared_ptr<const Controller::PeerKeyInfo> record =
@@ -219,7 +236,7 @@ bool SendWindows::isImpeded(EndId id) const {
       !router.entities().ipsecPeerKeyDir->ipsecPeerKeyInfo(other.routerId()).isEq(*record)) {
     return true;
   }
-  const Ptr<Ike::PeerConnectionState> peer = peerOf(end);
+  const Ptr<Ike::PeerConnectionState> peer = mesh_.peerState(id);
   return !peer || peer->peerConnStatus() != PeerConnStatus::ready ||
          std::ranges::any_of(end.sas, [](const MeshView::Sa& sa) { return !sa.installed; });
 }
@@ -227,8 +244,8 @@ bool SendWindows::isImpeded(EndId id) const {
 /// Whether a DH rekey of the router has to wait for the path.
 bool SendWindows::couldTakePart(EndId id) const {
   const MeshView::End& end = mesh_.end(id);
-  const Ptr<Ike::PeerConnectionState> peer = peerOf(end);
-  const Ptr<Ike::PathConnState> path = peer ? peer->pathConnState(end.path->end.key) : nullptr;
+  const Ptr<Ike::PeerConnectionState> peer = mesh_.peerState(id);
+  const Ptr<Ike::PathConnState> path = mesh_.pathState(id);
   if (!path || peer->peerConnStatus() != PeerConnStatus::ready ||
       !isUsable(end.path->end.condition) ||
       lab_.now() - rekeyInitiated_[end.router->index()] > kMaxPending) {
@@ -243,14 +260,42 @@ bool SendWindows::couldTakePart(EndId id) const {
   return in && out;
 }
 
+/// Whether the in-SA is handed over and not installed yet, though the out-SA of its pair of
+/// generations is: an in-SA of an older own key, installed before, let the machine make that.
+bool SendWindows::isBeingInstalled(EndId id, uint32_t spi) const {
+  const MeshView::End& end = mesh_.end(id);
+  const auto in = std::ranges::find_if(
+      end.sas, [&](const MeshView::Sa& sa) { return sa.inbound && sa.key.spi == spi; });
+  const std::optional<SaReport> report = in == end.sas.end() ? std::nullopt : mesh_.report(id, *in);
+  if (!report || report->state != SaInstallState::pending ||
+      lab_.now() - report->handedOverAt > kMaxPending) {
+    return false;
+  }
+  const std::optional<DhKeyPair> pair = pairOf(id, in->key);
+  const auto hasPair = [&](const MeshView::Sa& sa) { return pairOf(id, sa.key) == pair; };
+  return pair &&
+         std::ranges::any_of(
+             end.sas,
+             [&](const MeshView::Sa& sa) { return !sa.inbound && sa.installed && hasPair(sa); }) &&
+         std::ranges::any_of(end.sas, [&](const MeshView::Sa& sa) {
+           const std::optional<DhKeyPair> other = pairOf(id, sa.key);
+           return sa.inbound && sa.installed && other &&
+                  other->localRekeyCount < pair->localRekeyCount &&
+                  other->peerRekeyCount == pair->peerRekeyCount;
+         });
+}
+
+std::optional<DhKeyPair> SendWindows::pairOf(EndId id, const SecurityAssociationKey& key) const {
+  const Ptr<Ike::SecurityAssociation>* const sa =
+      mesh_.end(id).router->entities().tesselV1->sa().find(key);
+  return sa == nullptr ? std::nullopt : std::optional((*sa)->dhKeyPair());
+}
+
 /// Whether an in-SA of that own key is installed.
 bool SendWindows::hasInSa(EndId id, uint64_t generation) const {
-  const MeshView::End& end = mesh_.end(id);
-  return std::ranges::any_of(end.sas, [&](const MeshView::Sa& sa) {
-    const Ptr<Ike::SecurityAssociation>* const entity =
-        end.router->entities().tesselV1->sa().find(sa.key);
-    return sa.inbound && sa.installed && entity != nullptr &&
-           (*entity)->dhKeyPair().localRekeyCount == generation;
+  return std::ranges::any_of(mesh_.end(id).sas, [&](const MeshView::Sa& sa) {
+    const std::optional<DhKeyPair> pair = pairOf(id, sa.key);
+    return sa.inbound && sa.installed && pair && pair->localRekeyCount == generation;
   });
 }
 

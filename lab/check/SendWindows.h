@@ -19,14 +19,16 @@ class Lab;
 /// was in when the other one lost its SAs has to be over as well: the other one has forgotten it.
 ///
 /// It opens as well when the machine marks a path for a rebuild, since the DH rekey that does so
-/// can move it on before it is rebuilt, and then closes when the path has come to rest too.
+/// can move it on before it is rebuilt, and then closes when the path has come to rest too;
+/// likewise when a DH rekey begins while the path still has SAs of the router's last one.
 ///
 /// It also opens while an end cannot go by what its data path sees: the test knob says that every
 /// path is active, or an SA was refused or is not reported.
 ///
 /// Of its own opens the window of a path that a DH rekey left behind: its router published a key
 /// for which the path has no in-SA, and the path was one that a rekey does not wait for. It excuses
-/// what is sent on SAs of that key alone, and closes when the receiver has an in-SA of that key.
+/// what is sent on SAs of that key alone, and closes when the receiver has an in-SA of that key and
+/// of what its peer sends on.
 class SendWindows {
  public:
   SendWindows(const Lab& lab, const MeshView& mesh);
@@ -35,8 +37,13 @@ class SendWindows {
   void handleAllGone(EndId id);
   /// An SA was installed.
   void handleInstalled(EndId id);
+  /// An SA was taken out, and others are left.
+  void handleRemoved(EndId id);
   /// The machine marked the path to be rebuilt.
   void handleMarkedForRebuild(EndId id);
+  /// The machine marked the path for a DH rekey of its own. An SA rekey that came in between can
+  /// have hidden that the last one is not over; it would have been marked to be rebuilt else.
+  void handleDhRekeyMarked(EndId id);
   /// The machine of a router began a DH rekey.
   void handleRekeyInitiated(const Router& router);
   /// A router published its key number `generation`.
@@ -64,14 +71,18 @@ class SendWindows {
     std::array<bool, 2> inSaRekey{};  ///< The end was, when the other one lost its SAs.
     std::array<bool, 2> marked{};     ///< The end is to be rebuilt, and has not come to rest since.
     Duration since{};                 ///< When it opened, or something was last missing.
+    /// What the agent stored of the path when the end lost its SAs and the window opened.
+    std::array<Ptr<Ike::PathConnState>, 2> emptied{};
     std::array<std::optional<LeftBehind>, 2> leftBehind;
   };
 
-  void openIfBlind(size_t path);
+  void openIfBlind(EndId id);
   bool isBlind(EndId id) const;
+  /// An end that lost its SAs and still has the path was not destroyed: a rekey or a prune took out
+  /// too much, and nothing excuses that.
+  void closeIfEmptied(size_t path);
   void closeIfMatching(size_t path);
   bool isInSaRekey(EndId id) const;
-  bool isSteady(EndId id) const;
   /// How long a window may stay open while nothing is missing.
   Duration bound(size_t path) const;
   bool isOverdue(size_t path, Duration& since);
@@ -79,6 +90,8 @@ class SendWindows {
   bool isImpeded(EndId id) const;
   bool couldTakePart(EndId id) const;
   bool hasInSa(EndId id, uint64_t generation) const;
+  bool isBeingInstalled(EndId id, uint32_t spi) const;
+  std::optional<DhKeyPair> pairOf(EndId id, const SecurityAssociationKey& key) const;
 
   const Lab& lab_;
   const MeshView& mesh_;

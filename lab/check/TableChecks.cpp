@@ -16,9 +16,13 @@ namespace {
 // within five minutes of the rekey that replaced it. Rekeys that are forced by the test knob can
 // follow each other at once, two in a minute on average.
 constexpr size_t kMaxGenerations = 10;
-// Few paths stand through all of them: one that a rekey finds in another one is rebuilt.
-constexpr size_t kMaxPairs = 36;
-constexpr size_t kMaxSasPerPath = 48;
+constexpr uint64_t kAnyGeneration = UINT64_MAX;
+constexpr size_t kMaxPairs = kMaxGenerations * kMaxGenerations;
+// Of one pair of generations a path has its own two SAs and those of SA rekeys, which go likewise.
+constexpr size_t kMaxSasPerPair = 12;
+// A rekey makes an in-SA for each generation of the other side, and one out-SA: when both sides
+// rekey in turn, 1, 1, 2, 2, 3, 3 and so on.
+constexpr size_t kMaxSasPerPath = kMaxGenerations * (kMaxGenerations + 1) + 2 * kMaxGenerations;
 // What has to go goes at a sanity pass, one a minute; the look that sees it may be late by its
 // period.
 constexpr Duration kRetirementDelay = seconds(75);
@@ -64,12 +68,7 @@ void TableChecks::checkSas(const Router& router) {
   size_t paths = 0;
   size_t sas = 0;
   for (const auto& [peer, state] : entities.ipsecStatus->ipsecPeerConnectionState()) {
-    checkGenerationCount(router, peer);
-    if (findings_.violated(tablesBounded, state->dhCryptoInfo().size() <= kMaxPairs)) {
-      findings_.add(tablesBounded,
-                    {.routers = {router.name()}, .detail = "peer " + peer.stringValue()},
-                    number(state->dhCryptoInfo().size()) + " crypto records");
-    }
+    checkPeer(router, peer, *state);
     for (const auto& [key, path] : state->pathConnState()) {
       ++paths;
       sas += path->pathConnSaInfo().size();
@@ -88,15 +87,19 @@ void TableChecks::checkSas(const Router& router) {
   }
 }
 
-void TableChecks::checkGenerationCount(const Router& router, const IpGenAddr& peer) {
+void TableChecks::checkPeer(const Router& router, const IpGenAddr& peer,
+                            const Ike::PeerConnectionState& state) {
   const Ipsec::TesselV1Sm& machine = router.machine();
   const Ptr<TesselPeerKeyInfoList> list = machine.peerKeys().localPeerKeyInfoList(peer);
   const size_t own = machine.localKey().localKeyInfo().size();
   const size_t theirs = list ? list->peerKeyInfo().size() : 0;
-  if (findings_.violated(Invariant::tablesBounded, std::max(own, theirs) <= kMaxGenerations)) {
+  const size_t records = state.dhCryptoInfo().size();
+  if (findings_.violated(Invariant::tablesBounded,
+                         std::max(own, theirs) <= kMaxGenerations && records <= kMaxPairs)) {
     findings_.add(Invariant::tablesBounded,
                   {.routers = {router.name()}, .detail = "peer " + peer.stringValue()},
-                  number(own) + " own generations, " + number(theirs) + " of the peer");
+                  number(own) + " own generations, " + number(theirs) + " of the peer, " +
+                      number(records) + " crypto records");
   }
 }
 
@@ -127,48 +130,70 @@ void TableChecks::checkPath(const Router& router, const Ike::PathConnState& path
       findings_.add(tablesAgree, placeOf(router, key),
                     "SA " + spiText(saKey.spi) + " is not in every table");
     }
+    size_t alike = 0;
+    for (const auto& [otherKey, other] : path.pathConnSaInfo()) {
+      alike += other->sa()->dhKeyPair() == saInfo->sa()->dhKeyPair() ? 1 : 0;
+    }
+    if (findings_.violated(tablesBounded, alike <= kMaxSasPerPair)) {
+      findings_.add(tablesBounded, placeOf(router, key),
+                    number(alike) + " SAs of one pair of generations");
+    }
   }
 }
 
 void TableChecks::checkGenerations(const Router& router, Duration now) {
   using enum Invariant;
   const Ipsec::TesselV1Sm& machine = router.machine();
-  const size_t local = machine.localKey().localKeyInfo().size();
-  if (findings_.violated(generationsRetired, local <= 1 || machine.dhRekey().dhRekeyState() !=
-                                                               DhRekeyState::notRekeying)) {
+  const auto& own = machine.localKey().localKeyInfo();
+  if (findings_.violated(generationsRetired, own.size() <= 1 || machine.dhRekey().dhRekeyState() !=
+                                                                    DhRekeyState::notRekeying)) {
     findings_.add(generationsRetired, {.routers = {router.name()}},
-                  number(local) + " local generations without a rekey");
+                  number(own.size()) + " local generations without a rekey");
   }
-  for (const auto& [peer, state] : router.entities().ipsecStatus->ipsecPeerConnectionState()) {
-    const Ptr<TesselPeerKeyInfoList> list = machine.peerKeys().localPeerKeyInfoList(peer);
-    if (!list) {
-      continue;
+  std::map<Stored, Duration> superfluous;
+  std::map<Stored, Duration>& before = superfluousSince_[router.index()];
+  const auto check = [&](const IpGenAddr& peer, const DhKeyPair& pair, const std::string& what) {
+    const auto known = before.find({peer, pair});
+    const Duration since = known == before.end() ? now : known->second;
+    superfluous.emplace(Stored(peer, pair), since);
+    if (findings_.violated(generationsRetired, now - since <= kRetirementDelay)) {
+      findings_.add(generationsRetired,
+                    {.routers = {router.name()}, .detail = "peer " + peer.stringValue() + what},
+                    "is stored though nothing needs it");
     }
+  };
+  const uint64_t published = router.entities().ipsecLocalKeyDir->rekeyCounter();
+  for (const auto& [peer, state] : router.entities().ipsecStatus->ipsecPeerConnectionState()) {
     const Controller::PeerKeyInfo& record =
         router.entities().ipsecPeerKeyDir->ipsecPeerKeyInfo(peer);
-    std::set<uint64_t> inUse;
+    const Ptr<TesselPeerKeyInfoList> list = machine.peerKeys().localPeerKeyInfoList(peer);
+    if (!list || record.valid == 0 || router.running().scheduler->paused()) {
+      continue;
+    }
+    std::set<DhKeyPair> inUse;
+    std::set<uint64_t> theirsInUse;
     for (const auto& [key, path] : state->pathConnState()) {
       for (const auto& [saKey, saInfo] : path->pathConnSaInfo()) {
-        inUse.insert(saInfo->sa()->dhKeyPair().peerRekeyCount);
+        inUse.insert(saInfo->sa()->dhKeyPair());
+        theirsInUse.insert(saInfo->sa()->dhKeyPair().peerRekeyCount);
       }
     }
     for (const auto& [count, generation] : list->peerKeyInfo()) {
-      const Stored stored(router.index(), peer, count);
-      if (record.valid == 0 || count + 1 >= record.rekeyCounter || inUse.contains(count) ||
-          router.running().scheduler->paused()) {
-        superfluousSince_.erase(stored);
-        continue;
+      const bool isOld = count + 1 < record.rekeyCounter || count > record.rekeyCounter;
+      if (isOld && !theirsInUse.contains(count)) {
+        check(peer, {.localRekeyCount = kAnyGeneration, .peerRekeyCount = count},
+              ", generation " + std::to_string(count));
       }
-      const Duration since = superfluousSince_.emplace(stored, now).first->second;
-      if (findings_.violated(generationsRetired, now - since <= kRetirementDelay)) {
-        findings_.add(
-            generationsRetired,
-            {.routers = {router.name()},
-             .detail = "peer " + peer.stringValue() + ", generation " + std::to_string(count)},
-            "is stored though nothing needs it");
+    }
+    for (const auto& [pair, crypto] : state->dhCryptoInfo()) {
+      const bool isOld = pair.localRekeyCount + 1 < published && !own.has(pair.localRekeyCount);
+      const bool hasPeerKey = list->peerKeyInfo().has(pair.peerRekeyCount);
+      if ((isOld || !hasPeerKey) && !inUse.contains(pair)) {
+        check(peer, pair, ", crypto of generations " + stringValue(pair));
       }
     }
   }
+  before = std::move(superfluous);
 }
 
 void TableChecks::lookAtLogs(const Router& router) {

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 #include <map>
-#include <tuple>
+#include <utility>
 
 #include "lab/check/Findings.h"
 #include "lab/router/Router.h"
@@ -16,20 +16,23 @@ class TableChecks {
 
   /// Looks through the tables of a router that is up.
   void look(const Router& router, Duration now);
+  /// The router began a DH rekey: it makes SAs of every generation that is stored.
+  void handleRekeyInitiated(const Router& router) { superfluousSince_.erase(router.index()); }
   /// Looks through its logs: more work, and what is wrong with them stays.
   void lookAtLogs(const Router& router);
 
  private:
-  /// A generation of a peer at a router, by the router's index.
-  using Stored = std::tuple<uint32_t, IpGenAddr, uint64_t>;
+  /// Of a peer: a generation, with any own one, or the crypto of a pair.
+  using Stored = std::pair<IpGenAddr, DhKeyPair>;
 
   void checkSas(const Router& router);
-  void checkGenerationCount(const Router& router, const IpGenAddr& peer);
+  void checkPeer(const Router& router, const IpGenAddr& peer,
+                 const Ike::PeerConnectionState& state);
   void checkPath(const Router& router, const Ike::PathConnState& path);
   void checkGenerations(const Router& router, Duration now);
 
   Findings& findings_;
-  std::map<Stored, Duration> superfluousSince_;  // Generations that are to go.
+  std::map<uint32_t, std::map<Stored, Duration>> superfluousSince_;  // By router: what is to go.
 };
 
 }  // namespace tessel::lab
