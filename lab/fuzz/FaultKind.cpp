@@ -75,13 +75,20 @@ Actions burstLoss(Target& target) {
   return {.begin = begin, .end = end};
 }
 
-/// Up to so late that the receiver's window has moved on.
+/// Half of the faults up to so late that the receiver's window of 64 packets has moved on.
 Actions reorder(Target& target) {
   const PathPlan& path = target.path();
   ChangeLink begin{.path = path.name, .from = target.end(path, 0.5)};
   ChangeLink end = begin;
   begin.reordering = target.between(0.01, 0.5);
   begin.reorderDelay = target.span(0.05, 60);
+  if (target.random().chance(0.5)) {
+    const Scenario& mesh = target.mesh();
+    const Duration interval =
+        mesh.traffic.empty() ? mesh.probes.interval : mesh.traffic.front().interval;
+    begin.reorderDelay = std::min(interval * static_cast<double>(1 + target.random().below(200)),
+                                  kLongestReordering);
+  }
   end.reordering = 0;
   return {.begin = begin, .end = end};
 }
@@ -387,7 +394,9 @@ std::vector<Fault> drawFaults(FaultKind kind, const Scenario& mesh, LinkRandom& 
   const KindRow& row = rowOf(kind);
   const double span = (to - from).seconds();
   // A large mesh has more that can break.
-  const double gap = drawSpan(random, span / 30, span / 2).seconds() /
+  // Long runs have as many faults in an hour as short ones.
+  const double part = std::min(span, 2 * 3600.0);
+  const double gap = drawSpan(random, part / 30, part / 2).seconds() /
                      (1 + static_cast<double>(mesh.paths.size()) / 20);
   std::vector<Fault> faults;
   Target target(mesh, random);

@@ -57,6 +57,9 @@ enum class FaultKind : uint8_t {
 };
 inline constexpr size_t kFaultKinds = static_cast<size_t>(FaultKind::quietTraffic) + 1;
 
+/// The longest that a reordered packet is held up.
+inline constexpr Duration kLongestReordering = seconds(1000);
+
 /// "loss", "two-way-cut".
 const char* faultKindName(FaultKind kind);
 

@@ -1,7 +1,9 @@
 #include "lab/fuzz/FuzzCommand.h"
 
+#include <array>
 #include <chrono>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <ostream>
 #include <string>
@@ -19,6 +21,10 @@ namespace tessel::lab {
 namespace {
 
 constexpr uint64_t kPlayedTwice = 20;  // One seed in so many.
+
+// What is judged of a run as a whole.
+constexpr const char* kEndsWell = "ends-well";
+constexpr const char* kSameRun = "same-seed-same-run";
 
 /// 1234567 as "1,234,567".
 std::string grouped(uint64_t value) {
@@ -58,12 +64,15 @@ class Fuzz {
     const auto [first, added] = outcomes_.emplace(outcome.seed, outcome);
     if (!added) {
       ++playedTwice_;
-      if (first->second.digest != outcome.digest) {
-        first->second.violations.push_back({.invariant = "same-seed-same-run",
-                                            .at = outcome.played,
-                                            .where = "the run",
-                                            .what = "played again it was another one"});
-      }
+    }
+    if (!added && first->second.digest != outcome.digest) {
+      first->second.violations.push_back({.invariant = kSameRun,
+                                          .at = outcome.played,
+                                          .where = "the run",
+                                          .what = "played again it was another one"});
+      reportFailure(first->second);
+    } else if (added && !outcome.held()) {
+      reportFailure(outcome);
     }
     if (options_.progress) {
       showProgress();
@@ -76,7 +85,7 @@ class Fuzz {
     }
     FuzzOutcome outcome{.seed = result.item};
     outcome.violations.push_back(
-        {.invariant = "ends-well", .at = {}, .where = "the lab", .what = result.failure});
+        {.invariant = kEndsWell, .at = {}, .where = "the lab", .what = result.failure});
     return outcome;
   }
 
@@ -119,11 +128,8 @@ class Fuzz {
 
   void report() {
     for (const auto& [seed, outcome] : outcomes_) {
-      if (!outcome.held()) {
-        reportFailure(outcome);
-        if (++failed_ == 1 && options_.shrink) {
-          shrinkFailure(outcome);
-        }
+      if (!outcome.held() && ++failed_ == 1 && options_.shrink) {
+        shrinkFailure(outcome);
       }
     }
     const FuzzOutcome sum = total();
@@ -144,8 +150,11 @@ class Fuzz {
     line("packets", grouped(sum.packets));
     line("SA rekeys", grouped(sum.saRekeys));
     line("DH rekeys", grouped(sum.dhRekeys));
-    line("faults", faultsText(sum));
-    line("invariants", invariantsText(sum));
+    line("faults", countsText(sum.faults, ": ",
+                              [](size_t i) { return faultKindName(static_cast<FaultKind>(i)); }));
+    line("invariants", countsText(sum.evaluated, " times: ", [](size_t i) {
+           return invariantName(static_cast<Invariant>(i));
+         }));
     line("rest", fmt::format("at most {:.0f} s after the last fault, of {:.0f} s that it may take",
                              sum.restAfter.seconds(), sum.restBound.seconds()));
     line("limits",
@@ -159,29 +168,23 @@ class Fuzz {
                         sum.played.seconds() / elapsed());
   }
 
-  static std::string invariantsText(const FuzzOutcome& sum) {
+  /// The sum of all counts, with `behind` it, then each with its name.
+  template <size_t n>
+  static std::string countsText(const std::array<uint64_t, n>& counts, const char* behind,
+                                const std::function<const char*(size_t)>& name) {
     uint64_t all = 0;
     std::string each;
-    for (size_t i = 0; i < kInvariants; ++i) {
-      all += sum.evaluated[i];
-      each += fmt::format("{}{} {}", i == 0 ? "" : ", ", invariantName(static_cast<Invariant>(i)),
-                          grouped(sum.evaluated[i]));
+    for (size_t i = 0; i < n; ++i) {
+      all += counts[i];
+      each += fmt::format("{}{} {}", i == 0 ? "" : ", ", name(i), grouped(counts[i]));
     }
-    return grouped(all) + " times: " + each;
-  }
-
-  static std::string faultsText(const FuzzOutcome& sum) {
-    uint64_t all = 0;
-    std::string kinds;
-    for (size_t kind = 0; kind < kFaultKinds; ++kind) {
-      all += sum.faults[kind];
-      kinds += fmt::format("{}{} {}", kind == 0 ? "" : ", ",
-                           faultKindName(static_cast<FaultKind>(kind)), grouped(sum.faults[kind]));
-    }
-    return grouped(all) + ": " + kinds;
+    return grouped(all) + behind + each;
   }
 
   void reportFailure(const FuzzOutcome& outcome) {
+    if (options_.progress) {
+      err_ << "\r\x1b[K" << std::flush;
+    }
     out_ << fmt::format("seed {} failed\n", outcome.seed);
     for (const Violation& violation : outcome.violations) {
       out_ << "  " << stringValue(violation) << "\n";
@@ -193,36 +196,53 @@ class Fuzz {
         "  again: tessel-lab fuzz --seeds 1 --from {} --routers {}..{} --hours {}\n\n",
         outcome.seed, options_.range.minRouters, options_.range.maxRouters,
         options_.range.duration.seconds() / 3600);
+    out_.flush();
   }
 
   void shrinkFailure(const FuzzOutcome& outcome) {
-    const std::string invariant = outcome.violations.front().invariant;
+    const Violation& violation = outcome.violations.front();
+    if (violation.invariant == kEndsWell || violation.invariant == kSameRun) {
+      out_ << "  Not made small: that takes an invariant that one run can show.\n\n";
+      return;
+    }
     FuzzCase whole = drawCase(outcome.seed, options_.range);
     const size_t faults = whole.faults.size();
     uint64_t runs = 0;
-    const FuzzCase smallest = shrink(std::move(whole), [&](const FuzzCase& smaller) {
+    const auto failsAlike = [&](const FuzzCase& smaller) {
       if (options_.progress) {
         err_ << fmt::format("\r\x1b[Krun {}: {} of {} faults", ++runs, smaller.faults.size(),
                             faults)
              << std::flush;
       }
-      bool failsAlike = false;
+      bool fails = false;
       forEachInWorkers(
           std::vector{outcome.seed}, 1, [&](uint64_t) { return outcomeText(playCase(smaller)); },
           [&](const WorkResult& result) {
             const FuzzOutcome smallerOutcome = outcomeOf(result);
-            failsAlike =
-                !smallerOutcome.held() && smallerOutcome.violations.front().invariant == invariant;
+            fails = !smallerOutcome.held() &&
+                    smallerOutcome.violations.front().invariant == violation.invariant;
           });
-      return failsAlike;
-    });
-    const std::string file = fmt::format("seed-{}.yaml", outcome.seed);
-    Scenario scenario = smallest.scenario();
+      if (fails) {
+        write(smaller, outcome);  // What there is when it is interrupted.
+      }
+      return fails;
+    };
+    if (FuzzCase cut = whole; cutShort(cut, violation.at) && failsAlike(cut)) {
+      whole = std::move(cut);
+    }
+    const FuzzCase smallest = shrink(std::move(whole), failsAlike);
+    out_ << fmt::format("  {} of its {} faults are enough: {}\n\n", smallest.faults.size(), faults,
+                        write(smallest, outcome));
+  }
+
+  /// To a scenario file, whose name it returns.
+  static std::string write(const FuzzCase& smaller, const FuzzOutcome& outcome) {
+    Scenario scenario = smaller.scenario();
     scenario.description =
         fmt::format("Drawn, then made small: {}\n", stringValue(outcome.violations.front()));
+    std::string file = fmt::format("seed-{}.yaml", outcome.seed);
     std::ofstream(file, std::ios::binary) << scenarioText(scenario);
-    out_ << fmt::format("  {} of its {} faults are enough: {}\n\n", smallest.faults.size(), faults,
-                        file);
+    return file;
   }
 
   const FuzzOptions options_;

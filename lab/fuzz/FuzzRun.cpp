@@ -9,6 +9,7 @@
 #include "lab/check/AtRest.h"
 #include "lab/fuzz/RunDigest.h"
 #include "lab/run/Lab.h"
+#include "lab/scenario/WriteScenario.h"
 #include "sm/LocalKey.h"
 
 namespace tessel::lab {
@@ -16,6 +17,8 @@ namespace {
 
 constexpr Duration kSanityPass = seconds(60);
 constexpr Duration kLook = seconds(10);
+/// Installations that go on when the last fault ends are over by then.
+constexpr Duration kRefusalSeen = kSanityPass + kLook;
 
 class FuzzRun {
  public:
@@ -27,13 +30,16 @@ class FuzzRun {
     outcome_.restBound = restBound(drawn_.mesh);
     invariants_.start(lab_);
     lab_.runUntil(drawn_.faultsEnd);
-    noteRefusedSas();
-    if (!comesToRest()) {
+    if (drawn_.mesh.duration <= drawn_.faultsEnd) {
+      finish();  // A case cut short, to see how it fails before that.
+      return std::move(outcome_);
+    }
+    if (!comesToRest(drawn_.faultsEnd)) {
       cureSplitRoles();
       cureRefusedSas();
       cureRoutersWithoutKey();
       const uint32_t cured = outcome_.splitRoles + outcome_.refusedPaths + outcome_.routersNoKey;
-      if (cured == 0 || !comesToRest()) {
+      if (cured == 0 || !comesToRest(lab_.now())) {
         add("comes-to-rest", disturbed_, unrest_);
       }
     }
@@ -45,9 +51,9 @@ class FuzzRun {
   }
 
  private:
-  /// Lets time run until every path and every router has been at rest, though not all at once:
-  /// rekeys go on. False when that takes too long.
-  bool comesToRest() {
+  /// Lets time run until every path and every router has been at rest since `begin`, though not all
+  /// at once: rekeys go on. False when that takes too long.
+  bool comesToRest(Duration begin) {
     std::vector<const PathPlan*> paths;
     for (const PathPlan& path : lab_.scenario().paths) {
       paths.push_back(&path);
@@ -56,8 +62,10 @@ class FuzzRun {
     for (const std::unique_ptr<Router>& router : lab_.routers()) {
       routers.push_back(router.get());
     }
-    const Duration begin = lab_.now();
     for (;;) {
+      if (lab_.now() - begin == kRefusalSeen) {
+        noteRefusedSas();  // A rebuild may end the wait, but late.
+      }
       std::erase_if(paths, [&](const PathPlan* path) { return isAtRest(*path); });
       std::erase_if(routers, [&](const Router* router) {
         std::string why = whyNotAtRest(*router);
@@ -101,7 +109,6 @@ class FuzzRun {
   }
 
   void noteRefusedSas() {
-    lab_.run(kSanityPass + kLook);
     for (const PathPlan& path : lab_.scenario().paths) {
       if (waitsForSa(path)) {
         refused_.insert(path.name);
@@ -149,7 +156,7 @@ class FuzzRun {
 
   void losesNothing() {
     // What was under way when the last fault ended must not count.
-    lab_.run(kLook);
+    lab_.runUntil(std::max(lab_.now() + kLook, drawn_.faultsEnd + kLongestReordering));
     const std::vector<StreamCounts> before = lab_.traffic().streams();
     lab_.runUntil(std::max(lab_.now(), drawn_.mesh.duration));
     const std::vector<StreamCounts> after = lab_.traffic().streams();
@@ -166,9 +173,6 @@ class FuzzRun {
     outcome_.routers = static_cast<uint32_t>(lab_.routers().size());
     outcome_.paths = static_cast<uint32_t>(lab_.scenario().paths.size());
     outcome_.played = lab_.now();
-    for (size_t i = 0; i < kInvariants; ++i) {
-      outcome_.evaluated[i] = invariants_.evaluated(static_cast<Invariant>(i));
-    }
     for (const Fault& fault : drawn_.faults) {
       ++outcome_.faults[static_cast<size_t>(fault.kind)];
     }
@@ -184,17 +188,23 @@ class FuzzRun {
         outcome_.saRekeys += history.saRekeys(path->end.key);
       }
     }
-    const std::vector<Violation>& seen = invariants_.violations();
-    outcome_.violations.insert(outcome_.violations.begin(), seen.begin(), seen.end());
     outcome_.digest = digest_.finish(lab_);
+    const std::vector<Violation>& seen = invariants_.violations();
+    for (const Violation& violation : outcome_.violations) {
+      invariants_.scan(stringValue(violation));
+    }
+    for (const Violation& violation : std::vector(seen)) {
+      invariants_.scan(stringValue(violation));
+    }
+    invariants_.scan(scenarioText(drawn_.scenario()));
+    outcome_.violations.insert(outcome_.violations.begin(), seen.begin(), seen.end());
+    for (size_t i = 0; i < kInvariants; ++i) {
+      outcome_.evaluated[i] = invariants_.evaluated(static_cast<Invariant>(i));
+    }
   }
 
   void add(const char* invariant, const Place& place, std::string what) {
     outcome_.violations.push_back(violationAt(&lab_, invariant, place, std::move(what)));
-  }
-
-  static Place placeOf(const PathPlan& path) {
-    return {.routers = {path.ends[0].router, path.ends[1].router}, .path = path.name};
   }
 
   const FuzzCase& drawn_;

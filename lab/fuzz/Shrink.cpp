@@ -7,6 +7,9 @@
 namespace tessel::lab {
 namespace {
 
+/// With fewer faults a case may fail that much later.
+constexpr Duration kLater = seconds(600);
+
 /// `whole` without its faults from `first` to before `last`.
 FuzzCase without(const FuzzCase& whole, size_t first, size_t last) {
   FuzzCase smaller = whole;
@@ -16,6 +19,22 @@ FuzzCase without(const FuzzCase& whole, size_t first, size_t last) {
 }
 
 }  // namespace
+
+bool cutShort(FuzzCase& drawn, Duration failed) {
+  const Duration end = failed + kLater;
+  if (end >= drawn.faultsEnd) {
+    return false;
+  }
+  std::erase_if(drawn.faults, [&](const Fault& fault) { return fault.begin.at > failed; });
+  for (Fault& fault : drawn.faults) {
+    if (fault.end && fault.end->at >= end) {
+      fault.end.reset();
+    }
+  }
+  drawn.mesh.duration = end;
+  drawn.faultsEnd = end;
+  return true;
+}
 
 FuzzCase shrink(FuzzCase failing, const std::function<bool(const FuzzCase&)>& stillFails) {
   const auto keepIfItFails = [&](FuzzCase smaller) {

@@ -103,6 +103,25 @@ TEST(Shrink, KeepsExactlyTheFaultsThatItTakes) {
   EXPECT_LT(asked, 200U);
 }
 
+TEST(Shrink, EndsACaseSoonAfterItsFailure) {
+  FuzzCase drawn = smallCase();
+  const Duration failed = drawn.faults[drawn.faults.size() / 3].begin.at;
+  ASSERT_TRUE(cutShort(drawn, failed));
+  ASSERT_FALSE(drawn.faults.empty());
+  for (const Fault& fault : drawn.faults) {
+    EXPECT_LE(fault.begin.at, failed);
+    EXPECT_TRUE(!fault.end || fault.end->at <= failed + seconds(600));
+  }
+  const FuzzOutcome outcome = playCase(drawn);
+  EXPECT_EQ(outcome.played, failed + seconds(600));
+  EXPECT_TRUE(outcome.held()) << "no time to rest is no failure";
+  // One that fails in its quiet part stays whole.
+  const FuzzCase whole = smallCase();
+  FuzzCase late = smallCase();
+  EXPECT_FALSE(cutShort(late, late.faultsEnd));
+  EXPECT_EQ(scenarioText(late.scenario()), scenarioText(whole.scenario()));
+}
+
 TEST(Workers, TellWorkThatReturnsFromWorkThatDoesNot) {
   std::map<uint64_t, WorkResult> results;
   const std::vector<uint64_t> items{1, 2, 3, 4, 5};

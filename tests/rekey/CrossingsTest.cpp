@@ -18,6 +18,7 @@
 
 #include <gtest/gtest.h>
 
+#include "lab/check/AtRest.h"
 #include "lab/check/Invariants.h"
 #include "lab/run/Lab.h"
 #include "lab/run/Mesh.h"
@@ -214,8 +215,11 @@ class Crossing {
       }
       why = whyNotAtRest();
     }
-    if (!why.empty() || rolesAreSplit()) {
-      return rolesAreSplit() ? "" : why;
+    if (rolesAreSplit()) {
+      return whyViolated();
+    }
+    if (!why.empty()) {
+      return why;
     }
     const Loss allowed = allowedLoss(pair_);
     const Duration until = allowed == Loss::expiry ? kExpiry + kPass + kLook : Duration();
@@ -227,16 +231,10 @@ class Crossing {
       return "the path was rebuilt";
     }
     why = whyNoTraffic();
-    return why.empty() && !invariants_.violations().empty()
-               ? stringValue(invariants_.violations().front())
-               : why;
+    return why.empty() ? whyViolated() : why;
   }
 
-  bool rolesAreSplit() const {
-    const auto atA = a_.peer(b_);
-    const auto atB = b_.peer(a_);
-    return atA && atB && atA->initiator() == atB->initiator();
-  }
+  bool rolesAreSplit() const { return lab::rolesAreSplit(lab_, *lab_.scenario().path(kPath)); }
   const std::string& order() const { return order_; }
 
  private:
@@ -336,6 +334,11 @@ class Crossing {
     if (state == DhRekeyState::initiated || state == DhRekeyState::inSaInstalled) {
       expire(router, &Ipsec::TesselV1Sm::dhRekeyTimer);
     }
+  }
+
+  std::string whyViolated() const {
+    const auto& violations = invariants_.violations();
+    return violations.empty() ? "" : stringValue(violations.front());
   }
 
   std::string whyNotAtRest() const {
