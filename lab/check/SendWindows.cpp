@@ -26,6 +26,15 @@ bool isUsable(const PathCondition& condition) {
           condition.connection == Ike::ConnectionState::connected);
 }
 
+/// Whether the engine can see that an SA is installed: an entry that is corrupt reads as none.
+bool isReported(const IpsecCounters::IpsecCounterTable& table, const SecurityAssociationKey& key) {
+  try {
+    return table.saCounterEntry(key).addTime != 0;
+  } catch (const IpsecCounters::CorruptionException&) {
+    return false;
+  }
+}
+
 }  // namespace
 
 SendWindows::SendWindows(const Lab& lab, const MeshView& mesh)
@@ -156,7 +165,7 @@ bool SendWindows::isBlind(EndId id) const {
     const bool never = report && report->installedAt.isNever();
     return report && ((report->state == SaInstallState::failed && never) ||
                       (report->state == SaInstallState::installed &&
-                       entities.ipsecCounterTable->saCounterEntry(sa.key).addTime == 0));
+                       !isReported(*entities.ipsecCounterTable, sa.key)));
   });
 }
 
