@@ -6,6 +6,7 @@
 
 #include <unistd.h>
 
+#include "host/crypto/WipingMemory.h"
 #include "lab/Program.h"
 
 namespace {
@@ -21,6 +22,10 @@ bool coloursWanted() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (!tessel::wipeLibcryptoMemory()) {
+    std::cerr << "libcrypto was used before the program began\n";
+    return tessel::lab::internalError;
+  }
   std::ios::sync_with_stdio(false);
   return tessel::lab::runProgram({argv + 1, argv + argc}, std::cout, std::cerr, coloursWanted());
 }

@@ -174,6 +174,10 @@ bool KeyDerivation::computeSharedSecret(const IpGenAddr& peer, LocalKeyInfo& lki
   }
   // An empty key is not set, but it makes the context forget the key of the peer before.
   const bool keySet = lki.dh->setPeerPublicKey(pki.dhKey);
+  if (!keySet) {
+    TRACE("dhKey of the peer is no public key of group", lki.dhGroup,
+          ", or our own; length :", pki.dhKey.size(), " expected :", lki.publicKey.size(), peer);
+  }
   if (!keySet && !pki.dhKey.empty()) {
     TRACE("Failed to set peer public key to ipsecLocalDh", peer);
     return false;

@@ -116,7 +116,7 @@ bool SaRekey::hasSoftExpired(const Ike::LifetimeCfg& limits,
   const double now = sm_.utcTime().seconds();
   bool expired = false;
   if (limits.softAddExpire() != 0 && counters.addTime != 0 &&
-      now >= static_cast<double>(counters.addTime + limits.softAddExpire())) {
+      now >= static_cast<double>(counters.addTime) + static_cast<double>(limits.softAddExpire())) {
     TRACE("SA soft expired, now : ", now, " addTime : ", counters.addTime,
           " addExpire : ", limits.softAddExpire());
     expired = true;

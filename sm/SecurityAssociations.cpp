@@ -1,7 +1,6 @@
 #include "sm/SecurityAssociations.h"
 
-#include <cassert>
-
+#include "host/entity/Assert.h"
 #include "host/facility/Trace.h"
 #include "sm/EventRecorder.h"
 #include "sm/KeyDerivation.h"
@@ -175,6 +174,14 @@ void SecurityAssociations::doCreateIpsecControllerSA(
   key.spi = in ? spis.in : spis.out;
   key.daddr = in ? connKey.srcAddr : connKey.dstAddr;
 
+  if (sm_.tesselV1()->cpSaHas(key) && sm_.tesselV1()->cpSa(key) != connKey) {
+    // Two paths under one request id between the same addresses; sharing the SA would make either
+    // path delete it under the other.
+    TRACE("SA belongs to another path already, reqid :", reqid, key, connKey,
+          sm_.tesselV1()->cpSa(key));
+    return;
+  }
+
   const Ptr<Ike::SecurityAssociation> sa = vrfStatus->tesselSaIs(key);
   sa->remoteIpIs(remoteIp);
   sa->dhKeyPairIs(dhKeyPair);
@@ -325,7 +332,8 @@ IpsecCounters::IpsecSACounterEntry SecurityAssociations::saCounters(
 void SecurityAssociations::doDeleteSA(const Ptr<Ike::SecurityAssociation>& deleted,
                                       const Ptr<Ike::PathConnState>& path) {
   const Ptr<Ike::SecurityAssociation> sa = deleted;  // The caller's handle may go with the SA.
-  assert(sa && path && path->pathConnSaInfoHas(sa->sakey()));
+  HOST_ASSERT(sa != nullptr, "an SA of a path was taken from its entry");
+  HOST_ASSERT(path && path->pathConnSaInfoHas(sa->sakey()), "an SA is deleted from another path");
   const SecurityAssociationKey& key = sa->sakey();
   TRACE(key, " saType :", sa->saType());
   const ConnectionKey connKey = getConnectionKeyFromSa(*sa);

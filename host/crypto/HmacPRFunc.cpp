@@ -1,6 +1,7 @@
 #include "host/crypto/HmacPRFunc.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace tessel {
@@ -23,6 +24,13 @@ const char* digestName(HashAlgorithm algorithm) {
 }
 
 }  // namespace
+
+std::string stringValue(HashAlgorithm algorithm) {
+  static constexpr const char* names[] = {"md5", "sha1", "sha256", "sha384", "sha512"};
+  const auto number = static_cast<size_t>(algorithm);
+  const char* name = number < std::size(names) ? names[number] : "unknown";
+  return std::string(name) + "(" + std::to_string(number) + ")";
+}
 
 bool HmacPRFunc::initHmacPRFunc(HashAlgorithm algorithm) {
   const char* name = digestName(algorithm);

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <span>
+#include <string>
 
 #include "host/crypto/Libcrypto.h"
 #include "host/model/Bytes.h"
@@ -14,6 +15,8 @@ namespace tessel {
 /// Hash algorithms of the key-derivation primitives; the numbers are those of the ESP integrity
 /// algorithms over the same hash.
 enum class HashAlgorithm : uint8_t { md5 = 0, sha1 = 1, sha256 = 2, sha384 = 3, sha512 = 4 };
+/// "sha512(4)".
+std::string stringValue(HashAlgorithm algorithm);
 
 /// HMAC (RFC 2104) as a pseudo-random function prf(key, data). One context is kept and keyed again;
 /// the key lies in it alone and is wiped with it. Not safe for use from several threads at once.

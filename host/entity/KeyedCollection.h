@@ -16,7 +16,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <cassert>
 #include <cstdint>
 #include <iterator>
 #include <memory>
@@ -26,6 +25,7 @@
 #include <variant>
 #include <vector>
 
+#include "host/entity/Assert.h"
 #include "host/entity/Hash.h"
 #include "host/entity/HashIndex.h"
 
@@ -49,14 +49,14 @@ class KeyedCollection {
     return *this;
   }
   ~KeyedCollection() {
-    assert(walks_ == 0 && "a collection died during a walk over it");
+    HOST_ASSERT(walks_ == 0, "a collection died during a walk over it");
     while (live_ > 0) {  // A value that is released may come back and add another one.
       clear();
     }
   }
 
   void swap(KeyedCollection& other) noexcept {
-    assert(walks_ == 0 && other.walks_ == 0);
+    HOST_ASSERT(walks_ == 0 && other.walks_ == 0, "a collection was moved during a walk over it");
     blocks_.swap(other.blocks_);
     index_.swap(other.index_);
     std::swap(used_, other.used_);

@@ -7,6 +7,22 @@ std::string stringValue(const EncapSrcPortRange& range) {
   return std::to_string(range.first) + "-" + std::to_string(range.last);
 }
 
+std::string stringValue(ConnectionState state) {
+  const char* name = "unknown";
+  switch (state) {
+    case ConnectionState::down:
+      name = "down";
+      break;
+    case ConnectionState::established:
+      name = "established";
+      break;
+    case ConnectionState::connected:
+      name = "connected";
+      break;
+  }
+  return std::string(name) + "(" + std::to_string(static_cast<uint32_t>(state)) + ")";
+}
+
 std::string SanityCheck::str() const {
   return "inSaPkts " + std::to_string(inSaPkts()) + " outSaPkts " + std::to_string(outSaPkts()) +
          " lastActive " + tessel::stringValue(lastActiveTime()) + " lastEstablished " +

@@ -68,6 +68,8 @@ class IpsecProfileConnectionMap final : public Entity {
 
 /// State of the connection that carries a path.
 enum class ConnectionState : uint8_t { down = 0, established = 3, connected = 7 };
+/// "established(3)"; numbers that the machine does not know are "unknown(5)".
+std::string stringValue(ConnectionState state);
 
 /// The agent's connection status of one path.
 class IpsecConnectionStatusInfo final : public Entity {

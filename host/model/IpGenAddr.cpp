@@ -8,6 +8,22 @@
 
 namespace tessel {
 
+std::string stringValue(AddressFamily family) {
+  const char* name = "unknown";
+  switch (family) {
+    case AddressFamily::none:
+      name = "none";
+      break;
+    case AddressFamily::ipv4:
+      name = "ipv4";
+      break;
+    case AddressFamily::ipv6:
+      name = "ipv6";
+      break;
+  }
+  return std::string(name) + "(" + std::to_string(static_cast<uint32_t>(family)) + ")";
+}
+
 IpGenAddr IpGenAddr::fromV4(uint32_t address) {
   IpGenAddr result(AddressFamily::ipv4);
   for (size_t i = 0; i < 4; ++i) {

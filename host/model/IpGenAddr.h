@@ -12,6 +12,8 @@ namespace tessel {
 
 /// Address families, with the numbers that SA keys carry.
 enum class AddressFamily : uint8_t { none = 0, ipv4 = 2, ipv6 = 10 };
+/// "ipv4(2)".
+std::string stringValue(AddressFamily family);
 
 /// A generic IP address: 16 address bytes in network byte order (IPv4 in the first four) and the
 /// family. The default is the unspecified address, which has no family.

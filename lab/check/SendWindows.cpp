@@ -16,6 +16,15 @@ bool isUsable(const PathCondition& condition) {
           condition.connection == Ike::ConnectionState::connected);
 }
 
+/// Whether the engine can see that an SA is installed: an entry that is corrupt reads as none.
+bool isReported(const IpsecCounters::IpsecCounterTable& table, const SecurityAssociationKey& key) {
+  try {
+    return table.saCounterEntry(key).addTime != 0;
+  } catch (const IpsecCounters::CorruptionException&) {
+    return false;
+  }
+}
+
 }  // namespace
 
 SendWindows::SendWindows(const Lab& lab, const MeshView& mesh)
@@ -182,7 +191,7 @@ bool SendWindows::isBlind(EndId id) const {
   }
   const auto& counters = end.router->entities().ipsecCounterTable;
   return std::ranges::any_of(end.sas, [&](const MeshView::Sa& sa) {
-    return sa.failed || (sa.installed && counters->saCounterEntry(sa.key).addTime == 0);
+    return sa.failed || (sa.installed && !isReported(*counters, sa.key));
   });
 }
 

@@ -15,7 +15,9 @@
 //     nonce that is written while the flag stays true is not seen.
 //   - An in-SA is found by SPI, destination address and UDP ports: several paths between the same
 //     two addresses have the same SPIs and keys, and only their ports tell them apart. The source
-//     port is not looked at where the SA's flows are spread over ports.
+//     port is not looked at where the SA's flows are spread over ports. Of several, that of the
+//     packet's source address is taken: IPv6 paths between the same two routers have the same SPIs
+//     whatever their addresses. Without one it is the first: translators change sources.
 //   - The integrity check comes before the anti-replay window: a packet counted as replayed or too
 //     old is an authentic one, and no other packet moves the window.
 //   - Sequence numbers and windows outlive their SA: an SA that is made again with the SPI and keys

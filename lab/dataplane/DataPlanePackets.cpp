@@ -149,13 +149,19 @@ DataPlane::Sa* DataPlane::findInSa(uint32_t spi, const UdpEnds& ends) const {
   if (sameSpi == nullptr) {
     return nullptr;
   }
-  const auto found = std::ranges::find_if(*sameSpi, [&](const Sa* sa) {
+  Sa* fromElsewhere = nullptr;
+  for (Sa* const sa : *sameSpi) {
     const Ike::SecurityAssociation& entity = *sa->entity;
     // The ports of an SA are the path's, seen from here.
-    return sa->key.daddr == ends.dst && portOr(entity.encapSrcPort()) == ends.dstPort &&
-           (entity.flowEncap() || portOr(entity.encapDstPort()) == ends.srcPort);
-  });
-  return found == sameSpi->end() ? nullptr : *found;
+    if (sa->key.daddr == ends.dst && portOr(entity.encapSrcPort()) == ends.dstPort &&
+        (entity.flowEncap() || portOr(entity.encapDstPort()) == ends.srcPort)) {
+      if (entity.saddr() == ends.src) {
+        return sa;
+      }
+      fromElsewhere = fromElsewhere != nullptr ? fromElsewhere : sa;
+    }
+  }
+  return fromElsewhere;
 }
 
 void DataPlane::count(Sa& sa, size_t innerSize) {

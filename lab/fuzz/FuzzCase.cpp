@@ -45,7 +45,7 @@ IpsecDhGroup drawGroup(LinkRandom& random) {
 }
 
 SaSettings drawSa(LinkRandom& random, bool longLived, double packetsPerSecond) {
-  using enum EncryptionAlgo;
+  using enum IpsecEspAlgorithm;
   static constexpr std::array encryptions{aes128Cbc,    aes192Cbc,    aes256Cbc,     aes128Gcm64,
                                           aes128Gcm128, aes256Gcm128, nullEncryption};
   static constexpr std::array integrities{IntegrityAlgo::md5, IntegrityAlgo::sha1,

@@ -350,7 +350,7 @@ void Lab::scheduleTimeline() {
   for (const FlowPlan& flow : scenario_.traffic) {
     for (const auto& [when, running] : {std::pair(flow.start, true), std::pair(flow.stop, false)}) {
       if (!when.isNever()) {
-        at(when, [this, &flow, running] { traffic_->runningIs(flow.name, {}, running); });
+        at(when, [this, &flow, on = running] { traffic_->runningIs(flow.name, {}, on); });
       }
     }
   }

@@ -222,13 +222,14 @@ std::string sizeText(uint64_t bytes) {
   if (parseSize(text).value != bytes) {
     throw std::invalid_argument(text + " is no size up to 1000000 GB");
   }
-  for (const Unit& unit : std::span(sizeUnits) | std::views::reverse) {
-    const auto scale = static_cast<uint64_t>(unit.scale);
-    if (bytes >= scale && bytes % scale == 0) {
-      return fmt::format("{} {}", bytes / scale, unit.name);
-    }
-  }
-  return text;
+  const auto largest =
+      std::find_if(std::rbegin(sizeUnits), std::rend(sizeUnits), [&](const Unit& unit) {
+        const auto scale = static_cast<uint64_t>(unit.scale);
+        return bytes >= scale && bytes % scale == 0;
+      });
+  return largest == std::rend(sizeUnits)
+             ? text
+             : fmt::format("{} {}", bytes / static_cast<uint64_t>(largest->scale), largest->name);
 }
 
 std::string percentageText(double share) {

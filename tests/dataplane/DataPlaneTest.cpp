@@ -228,6 +228,29 @@ TEST_F(DataPlaneTest, PathsBetweenTheSameAddressesDifferByTheirPorts) {
   EXPECT_EQ(west_.receive(east_.seal(eastPaths[2])), "");
 }
 
+TEST_F(DataPlaneTest, PathsToOneAddressWithOneSpiDifferByTheirSource) {
+  const IpGenAddr west = address("2001:db8:2::1");
+  std::vector<TestPath> eastPaths;
+  std::vector<TestPath> westPaths;
+  for (uint32_t i = 1; i <= 3; ++i) {
+    const IpGenAddr east = address("2001:db8:1::" + std::to_string(i));
+    eastPaths.push_back({east, west, 4500, 4500, i, i});
+    westPaths.push_back({west, east, 4500, 4500, i, i});
+    east_.handOver(eastPaths.back(), SaType::steadyOut, 5);
+    west_.handOver(westPaths.back(), SaType::steadyIn, 5);
+  }
+  run(0.02);
+  for (const size_t i : {2U, 0U, 1U}) {
+    EXPECT_EQ(west_.receive(east_.seal(eastPaths[i])), "");
+    EXPECT_EQ(west_.delivered.back().first, westPaths[i].key());
+  }
+  // From a source that no path has, as behind a translator: the first one takes it.
+  Bytes packet = east_.seal(eastPaths[1]);
+  ASSERT_TRUE(rewriteSource(packet, eastPaths[1].local, address("2001:db8:9::9")));
+  EXPECT_EQ(west_.receive(packet), "");
+  EXPECT_EQ(west_.delivered.back().first, westPaths[0].key());
+}
+
 TEST_F(DataPlaneTest, TheNonceWordRidesInEveryPacketWhileRekeyIsSet) {
   connect(5);
   const Ptr<Ike::SecurityAssociation> out = *east_.table->sa().find(east_.plane->sas()[0].key);

@@ -1,5 +1,6 @@
 // KeyedCollection and KeySet: order, walks over what changes, what stays valid, what allocates.
 #include <algorithm>
+#include <memory>
 #include <random>
 
 #include "host/entity/KeyedCollection.h"
@@ -158,6 +159,17 @@ TEST(KeyedCollection, BehavesLikeAMapAndAListUnderRandomUse) {
       ASSERT_EQ(**collection.find(key), key);
     }
   }
+}
+
+TEST(KeyedCollectionDeathTest, SaysThatItDiedDuringAWalk) {
+  const auto dieDuringWalk = [] {
+    auto collection = std::make_unique<KeyedCollection<int, int>>();
+    collection->emplace(1, 1);
+    for ([[maybe_unused]] const auto& [key, value] : *collection) {
+      collection.reset();
+    }
+  };
+  EXPECT_DEATH(dieDuringWalk(), "broken: a collection died during a walk over it");
 }
 
 TEST(KeySet, HoldsEachKeyOnceInOrder) {

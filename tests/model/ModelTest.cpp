@@ -1,6 +1,7 @@
 // The state model: values, their order and text, and what entities promise beyond holding values.
 #include <algorithm>
 
+#include "host/crypto/HmacPRFunc.h"
 #include "host/model/Agent.h"
 #include "host/model/Counters.h"
 #include "host/model/Events.h"
@@ -63,7 +64,86 @@ TEST(Enumerations, NumbersWithoutMeaningAreRefusedOrUnknown) {
   for (const uint32_t number : {3U, 256U, 0xFFFFFFFFU}) {
     EXPECT_THROW(NonceTypeInstance(number), std::out_of_range);
   }
-  EXPECT_EQ(stringValue(static_cast<IpsecEspAlgorithm>(9)), "unknown(9)");
+}
+
+/// What the numbers from 0 on print as; the one behind the last is unknown.
+template <class Enumeration>
+void expectTexts(const std::vector<std::string>& roles) {
+  for (size_t number = 0; number <= roles.size(); ++number) {
+    const std::string role = number < roles.size() ? roles[number] : "unknown";
+    EXPECT_EQ(stringValue(static_cast<Enumeration>(number)),
+              role + "(" + std::to_string(number) + ")");
+  }
+  EXPECT_EQ(stringValue(static_cast<Enumeration>(255)), "unknown(255)");
+}
+
+TEST(Enumerations, PrintRoleAndNumber) {
+  expectTexts<SaType>({"none", "steady-in", "steady-out", "steady-pair", "sa-rekey-in",
+                       "sa-rekey-out", "dh-rekey-in", "dh-rekey-out", "retired-in", "retired-out"});
+  expectTexts<SmState>(
+      {"idle", "dh-rekeying", "initiator", "responder", "both-initiated", "no-role"});
+  expectTexts<DhRekeyState>(
+      {"not-rekeying", "initiated", "in-sa-installed", "in-progress", "out-sa-installing"});
+  expectTexts<SaRekeyState>(
+      {"steady", "peer-nonce-received", "installed", "in-use", "nonce-failed"});
+  expectTexts<PeerConnStatus>({"ready", "down"});
+  expectTexts<PeerDownReason>({"none", "dh-group-mismatch", "dh-key-length-mismatch",
+                               "nonce-length-mismatch", "encryption-algorithm-mismatch",
+                               "integrity-algorithm-mismatch", "key-derivation-failed"});
+  expectTexts<IpsecEspAlgorithm>({"none", "aes-128-cbc", "aes-128-gcm-8", "aes-128-gcm-16",
+                                  "aes-256-gcm-16", "aes-256-cbc", "null", "aes-192-cbc"});
+  expectTexts<IpsecHmacAlgorithm>({"md5", "sha1", "sha256", "sha384", "sha512", "none", "unused"});
+  expectTexts<HashAlgorithm>({"md5", "sha1", "sha256", "sha384", "sha512"});
+  expectTexts<NonceType>({"none", "initiator", "responder"});
+  expectTexts<IpsecEncapProtocol>({"none", "udp"});
+  expectTexts<Path::UnderlayState>({"down", "connecting", "connected", "established"});
+  // Those whose numbers are not dense, and the ends of the one that has a table in docs/states.md.
+  const std::pair<std::string, const char*> rows[] = {
+      {stringValue(DynamicPathState::none), "none(0)"},
+      {stringValue(DynamicPathState::active), "active(3)"},
+      {stringValue(DynamicPathState::dhLatestOutSaInstalling), "dh-latest-out-sa-installing(16)"},
+      {stringValue(DynamicPathState::saBothInitiated), "sa-both-initiated(29)"},
+      {stringValue(DynamicPathState::rebuild), "rebuild(31)"},
+      {stringValue(DynamicPathState{32}), "unknown(32)"},
+      {stringValue(IpsecDhGroup::none), "none(0)"},
+      {stringValue(IpsecDhGroup::modp1536), "modp-1536(5)"},
+      {stringValue(IpsecDhGroup::modp6144), "modp-6144(17)"},
+      {stringValue(IpsecDhGroup::ecp521), "ecp-521(21)"},
+      {stringValue(IpsecDhGroup::modp2048s256), "modp-2048-256(24)"},
+      {stringValue(IpsecDhGroup{18}), "unknown(18)"},
+      {stringValue(IpsecDhGroup{25}), "unknown(25)"},
+      {stringValue(AddressFamily::none), "none(0)"},
+      {stringValue(AddressFamily::ipv4), "ipv4(2)"},
+      {stringValue(AddressFamily::ipv6), "ipv6(10)"},
+      {stringValue(AddressFamily{3}), "unknown(3)"},
+      {stringValue(Ike::ConnectionState::down), "down(0)"},
+      {stringValue(Ike::ConnectionState::established), "established(3)"},
+      {stringValue(Ike::ConnectionState::connected), "connected(7)"},
+      {stringValue(Ike::ConnectionState{5}), "unknown(5)"}};
+  for (const auto& [text, expected] : rows) {
+    EXPECT_EQ(text, expected);
+  }
+}
+
+TEST(Keys, PrintAsTheFieldWritesThem) {
+  const IpGenAddr four = address("192.0.2.1"), six = address("2001:db8::1");
+  const std::pair<std::string, const char*> rows[] = {
+      {stringValue(four), "192.0.2.1"},
+      {stringValue(six), "2001:db8::1"},
+      {stringValue(IpGenAddr()), "unspecified"},
+      {stringValue(ConnectionKey{0, four, six, 7}), "vrf 0 192.0.2.1 -> 2001:db8::1"},
+      {stringValue(MergeResolutionKey{3, six, four}), "vrf 3 2001:db8::1 -> 192.0.2.1"},
+      {stringValue(SecurityAssociationKey{0xBADCAFE, six, 50, 7, 2}),
+       "spi 0x0badcafe daddr 2001:db8::1 proto 50 reqid 7"},
+      {spiText(0), "0x00000000"},
+      {spiText(UINT32_MAX), "0xffffffff"},
+      {stringValue(DhKeyPair{0, UINT64_MAX}), "( 0 , 18446744073709551615 )"},
+      {stringValue(Ike::EncapSrcPortRange{49152, 65535}), "49152-65535"},
+      {stringValue(seconds(1.5)), "1.5 s"},
+      {stringValue(Duration::never()), "never"}};
+  for (const auto& [text, expected] : rows) {
+    EXPECT_EQ(text, expected);
+  }
 }
 
 TEST(Timing, ADhRekeyWaitsFromTheFirstPeerOn) {
