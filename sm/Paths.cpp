@@ -178,12 +178,15 @@ Ptr<Ike::PathConnState> Paths::getPathConnState(const ConnectionKey& key) const 
 }
 
 Ptr<Ike::PathConnState> Paths::findAtAnyPeer(const ConnectionKey& key) const {
-  for (const auto& [address, peer] : sm_.ipsecStatus()->ipsecPeerConnectionState()) {
-    if (const Ptr<Ike::PathConnState>& path = peer->pathConnState(key)) {
-      return path;
-    }
+  // A path that stands has its machine, which knows it whatever its status says by now.
+  const Ptr<RekeySm>& owner = rekeySm(key);
+  const Ptr<Ike::PathConnState> path = owner ? owner->pathConnState() : nullptr;
+  if (!path) {
+    return nullptr;
   }
-  return nullptr;
+  const Ptr<Ike::PeerConnectionState>& peer =
+      sm_.ipsecStatus()->ipsecPeerConnectionState(path->remoteIp());
+  return peer && peer->pathConnState(key) == path ? path : nullptr;
 }
 
 uint32_t Paths::totalPaths() const {

@@ -34,7 +34,7 @@ class Paths {
 
   /// The only writer of `pathState`. Restarts the sanity expiry, also when the state stays.
   void setPathState(const Ptr<Ike::PathConnState>& path, DynamicPathState newState);
-  /// The path's state, or null: by the peer of its status, or without a status by asking all peers.
+  /// The path's state, or null: by the peer of its status, or without a status where it stands.
   Ptr<Ike::PathConnState> getPathConnState(const ConnectionKey& key) const;
   /// Paths of all peers.
   uint32_t totalPaths() const;

@@ -153,9 +153,9 @@ TEST(KeyedCollection, BehavesLikeAMapAndAListUnderRandomUse) {
         mutate();
       }
       ASSERT_EQ(collection.keys(), order);
-    }
-    for (const int key : order) {
-      ASSERT_EQ(**collection.find(key), key);
+      for (const int key : order) {  // Each stands behind the one that was found before it.
+        ASSERT_EQ(**collection.find(key), key);
+      }
     }
   }
 }
