@@ -177,6 +177,15 @@ Ptr<Ike::PathConnState> Paths::getPathConnState(const ConnectionKey& key) const 
   return path;
 }
 
+Ptr<Ike::PathConnState> Paths::getPathConnState(const RekeySm& rekeySm) const {
+  const Ptr<Ike::PathConnState>& path = rekeySm.pathConnState();
+  const Path::PathStatus* const pathStatus = rekeySm.pathStatus();
+  if (path && pathStatus != nullptr && pathStatus->remoteIp() == path->remoteIp()) {
+    return path;  // It stands with the peer that its status names.
+  }
+  return getPathConnState(rekeySm.connectionKey());
+}
+
 Ptr<Ike::PathConnState> Paths::findAtAnyPeer(const ConnectionKey& key) const {
   // A path that stands has its machine, which knows it whatever its status says by now.
   const Ptr<RekeySm>& owner = rekeySm(key);

@@ -73,7 +73,7 @@ void SaRekey::checkSoftExpiry(const Ptr<Ike::SecurityAssociation>& sa,
     TRACE("Not initiating a rekey as prior rekey is still in progress", key);
     return;
   }
-  if (!path->pathConnSaInfoHas(key)) {
+  if (!isOfPath(key, *rekeySm)) {
     TRACE("pathConnSaInfo not found", key);
     return;
   }
@@ -93,7 +93,7 @@ void SaRekey::checkSoftExpiry(const Ptr<Ike::SecurityAssociation>& sa,
   // Looking at the counters may run reactors that destroy the path.
   const ConnectionKey connectionKey = rekeySm->connectionKey();
   if (path->pathState() != DynamicPathState::active ||
-      !sm_.pathHealth().isPathActive(connectionKey, false)) {
+      !sm_.pathHealth().isPathActive(*rekeySm, false)) {
     TRACE("Not rekeying as path is not active", connectionKey);
     return;
   }
@@ -142,6 +142,13 @@ const RekeySm* SaRekey::findLivePath(const Ike::SecurityAssociation& sa,
           " spi : ", spiText(sa.sakey().spi), " daddr : ", sa.sakey().daddr);
     return nullptr;
   }
+  if (const RekeySm::SaInfo* watched = sm_.paths().watchedSa(sa.sakey())) {
+    const RekeySm& rekeySm = watched->rekeySm();
+    const Ike::IpsecConnectionStatusInfo* const connection = rekeySm.connectionStatus();
+    if (connection != nullptr && connection->isUsable() && rekeySm.pathConnState()) {
+      return &rekeySm;
+    }
+  }
   const ConnectionKey connectionKey = getConnectionKeyFromSa(sa);
   const Ptr<Ike::IpsecConnectionStatusInfo>& connection =
       sm_.ipsecStatus()->ipsecConnectionStatusInfo(connectionKey);
@@ -165,6 +172,12 @@ const RekeySm* SaRekey::findLivePath(const Ike::SecurityAssociation& sa,
   return rekeySm.get();
 }
 
+bool SaRekey::isOfPath(const SecurityAssociationKey& key, const RekeySm& rekeySm) const {
+  const RekeySm::SaInfo* const watched = sm_.paths().watchedSa(key);
+  return (watched != nullptr && &watched->rekeySm() == &rekeySm) ||
+         rekeySm.pathConnState()->pathConnSaInfoHas(key);
+}
+
 void SaRekey::handleUpdateRekeyTimer() {
   TRACE("handleUpdateRekeyTimer");
   if (!sm_.initialized()) {
@@ -186,7 +199,7 @@ void SaRekey::handleUpdateRekeyTimer() {
     if (rekeySm == nullptr) {
       continue;
     }
-    if (!rekeySm->pathConnState()->pathConnSaInfoHas(key)) {
+    if (!isOfPath(key, *rekeySm)) {
       TRACE("pathConnSaInfo not found", key);
       continue;
     }
@@ -226,7 +239,9 @@ void SaRekey::maybeRekeySa(const SecurityAssociationKey& saKey) {
     return;
   }
   const ConnectionKey key = getConnectionKeyFromSa(*sa);
-  const Ptr<RekeySm> rekeySm = sm_.paths().rekeySm(key);
+  const RekeySm::SaInfo* const watched = sm_.paths().watchedSa(saKey);
+  const Ptr<RekeySm> rekeySm =
+      watched != nullptr ? Ptr<RekeySm>(&watched->rekeySm()) : sm_.paths().rekeySm(key);
   if (!rekeySm) {
     TRACE("rekeySm not found", key);
     return;

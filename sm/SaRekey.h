@@ -38,6 +38,8 @@ class SaRekey {
   const RekeySm* findLivePath(const Ike::SecurityAssociation& sa,
                               const IpsecCounters::IpsecSACounterEntry& counters,
                               const char* connectionKeyText) const;
+  /// Whether an SA is one of the path of `rekeySm`, which has its path state.
+  bool isOfPath(const SecurityAssociationKey& key, const RekeySm& rekeySm) const;
   void checkSoftExpiry(const Ptr<Ike::SecurityAssociation>& sa, const Ike::VrfStatus& vrfStatus);
   bool hasSoftExpired(const Ike::LifetimeCfg& limits,
                       const IpsecCounters::IpsecSACounterEntry& counters) const;

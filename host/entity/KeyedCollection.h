@@ -61,12 +61,17 @@ class KeyedCollection {
     index_.swap(other.index_);
     std::swap(used_, other.used_);
     std::swap(live_, other.live_);
+    ++version_;
+    ++other.version_;
     forgetLast();
     other.forgetLast();
   }
 
   size_t size() const { return live_; }
   bool empty() const { return live_ == 0; }
+  /// Another number after every addition and deletion: while it stays, so do the members, and what
+  /// was found is still there.
+  uint32_t version() const { return version_; }
 
   /// The value under `key`, or null.
   const Value* find(const Key& key) const {
@@ -88,6 +93,7 @@ class KeyedCollection {
     fresh.state = SlotState::live;
     ++used_;
     ++live_;
+    ++version_;
     if (index_.hasRoomAfter(live_)) {
       fresh.hash = hash;
       index_.link(hash, &fresh);
@@ -109,6 +115,7 @@ class KeyedCollection {
       index_.unlink(old.hash, &old);
     }
     --live_;
+    ++version_;
     if (walks_ > 0) {
       old.state = SlotState::deleted;
       return old.member()->value;
@@ -130,6 +137,7 @@ class KeyedCollection {
       }
     }
     live_ = 0;
+    ++version_;
     index_.reset();
     if (walks_ == 0) {
       sweep();
@@ -217,7 +225,8 @@ class KeyedCollection {
     alignas(Member) unsigned char storage[sizeof(Member)];
     uint32_t hash = 0;
     SlotState state = SlotState::unused;
-    bool hasNext = true;  // Another slot of the same block follows.
+    bool beginsBlock = false;
+    bool endsBlock = false;
   };
 
   // Members lie in blocks of 2, 2, 4, 8, 16 ... slots: growing moves nothing.
@@ -252,8 +261,8 @@ class KeyedCollection {
     return static_cast<Slot*>(index_.find(
         hash, [&](void* place) { return static_cast<Slot*>(place)->member()->key == key; }));
   }
-  // A walk over one collection that looks its keys up in another one mostly finds the member behind
-  // the one that it found last, or that one again: comparing keys there saves the hash, and two
+  // A walk over one collection that looks its keys up in another one mostly finds the neighbour of
+  // the member that it found last, or that one again: comparing keys there saves the hash, and two
   // distant places in memory. Only while it keeps coming true: a wrong guess costs a third one.
   Slot* guess(const Key& key) const {
     if (trust_ == 0) {
@@ -265,8 +274,11 @@ class KeyedCollection {
     if (holds(last_)) {
       return last_;
     }
-    if (last_->hasNext && holds(last_ + 1)) {
+    if (!last_->endsBlock && holds(last_ + 1)) {
       return ++last_;
+    }
+    if (!last_->beginsBlock && holds(last_ - 1)) {
+      return --last_;
     }
     --trust_;
     return nullptr;
@@ -274,7 +286,7 @@ class KeyedCollection {
   Slot* locateByHash(const Key& key) const {
     Slot* const found = probe(key, hashValue(key, kSeed));
     if (found != nullptr) {
-      if (last_ != nullptr && (found == last_ || found == last_ + 1)) {
+      if (last_ != nullptr && (found == last_ || found == last_ + 1 || found == last_ - 1)) {
         trust_ = kTrust;
       }
       last_ = found;
@@ -300,7 +312,8 @@ class KeyedCollection {
     if (block == blocks_.size()) {
       const uint32_t size = blockSize(block);
       blocks_.push_back(std::make_unique<Slot[]>(size));
-      blocks_.back()[size - 1].hasNext = false;
+      blocks_.back()[0].beginsBlock = true;
+      blocks_.back()[size - 1].endsBlock = true;
     }
     return slot(used_);
   }
@@ -363,6 +376,7 @@ class KeyedCollection {
   HashIndex index_;
   uint32_t used_ = 0;  // Slots handed out, deleted ones included.
   uint32_t live_ = 0;
+  uint32_t version_ = 0;
   mutable uint32_t walks_ = 0;
   mutable uint8_t trust_ = 0;     // How many more wrong guesses are taken.
   mutable Slot* last_ = nullptr;  // Found last; null when its block may be gone.
