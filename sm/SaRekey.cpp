@@ -55,16 +55,16 @@ void SaRekey::handleSaRekeyTimer() {
     return;
   }
   for (const auto& [key, sa] : vrfStatus->tesselSa()) {
-    checkSoftExpiry(sa, *vrfStatus);
+    checkSoftExpiry(key, sa, *vrfStatus);
   }
 }
 
-void SaRekey::checkSoftExpiry(const Ptr<Ike::SecurityAssociation>& sa,
+void SaRekey::checkSoftExpiry(const SecurityAssociationKey& key,
+                              const Ptr<Ike::SecurityAssociation>& sa,
                               const Ike::VrfStatus& vrfStatus) {
-  const SecurityAssociationKey& key = sa->sakey();
   const IpsecCounters::IpsecSACounterEntry counters = sm_.securityAssociations().saCounters(key);
   const RekeySm* rekeySm =
-      findLivePath(*sa, counters, "handleSaRekeyTimer: connectionKey not found");
+      findLivePath(key, *sa, counters, "handleSaRekeyTimer: connectionKey not found");
   if (rekeySm == nullptr) {
     return;
   }
@@ -134,15 +134,16 @@ bool SaRekey::hasSoftExpired(const Ike::LifetimeCfg& limits,
   return expired;
 }
 
-const RekeySm* SaRekey::findLivePath(const Ike::SecurityAssociation& sa,
+const RekeySm* SaRekey::findLivePath(const SecurityAssociationKey& key,
+                                     const Ike::SecurityAssociation& sa,
                                      const IpsecCounters::IpsecSACounterEntry& counters,
                                      const char* connectionKeyText) const {
   if (counters == IpsecCounters::IpsecSACounterEntry()) {
-    TRACE("saCounterEntry not found for sa with reqid : ", sa.reqid(),
-          " spi : ", spiText(sa.sakey().spi), " daddr : ", sa.sakey().daddr);
+    TRACE("saCounterEntry not found for sa with reqid : ", sa.reqid(), " spi : ", spiText(key.spi),
+          " daddr : ", key.daddr);
     return nullptr;
   }
-  if (const RekeySm::SaInfo* watched = sm_.paths().watchedSa(sa.sakey())) {
+  if (const RekeySm::SaInfo* watched = sm_.paths().watchedSa(key)) {
     const RekeySm& rekeySm = watched->rekeySm();
     const Ike::IpsecConnectionStatusInfo* const connection = rekeySm.connectionStatus();
     if (connection != nullptr && connection->isUsable() && rekeySm.pathConnState()) {
@@ -194,7 +195,7 @@ void SaRekey::handleUpdateRekeyTimer() {
   }
   bool queued = false;
   for (const auto& [key, sa] : vrfStatus->tesselSa()) {
-    const RekeySm* rekeySm = findLivePath(*sa, sm_.securityAssociations().saCounters(key),
+    const RekeySm* rekeySm = findLivePath(key, *sa, sm_.securityAssociations().saCounters(key),
                                           "handleUpdateRekeyTimer: connectionKey not found");
     if (rekeySm == nullptr) {
       continue;

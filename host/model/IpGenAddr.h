@@ -48,7 +48,14 @@ class IpGenAddr {
     std::memcpy(words, bytes_.data(), sizeof words);
     return Hasher(seed).add(words[0]).add(words[1] ^ family_).value();
   }
-  friend bool operator==(const IpGenAddr&, const IpGenAddr&) = default;
+  friend bool operator==(const IpGenAddr& a, const IpGenAddr& b) {
+    // Every lookup compares addresses; this is what a comparison of arrays does not compile to.
+    uint64_t x[2];
+    uint64_t y[2];
+    std::memcpy(x, a.bytes_.data(), sizeof x);
+    std::memcpy(y, b.bytes_.data(), sizeof y);
+    return ((x[0] ^ y[0]) | (x[1] ^ y[1]) | (a.family_ ^ b.family_)) == 0;
+  }
   friend std::strong_ordering operator<=>(const IpGenAddr& a, const IpGenAddr& b) {
     if (const auto order = a.family_ <=> b.family_; order != 0) {
       return order;

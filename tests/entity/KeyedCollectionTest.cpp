@@ -1,6 +1,7 @@
 // KeyedCollection and KeySet: order, walks over what changes, what stays valid, what allocates.
 #include <algorithm>
 #include <random>
+#include <utility>
 
 #include "host/entity/KeyedCollection.h"
 #include "tests/entity/Allocations.h"
@@ -158,6 +159,28 @@ TEST(KeyedCollection, BehavesLikeAMapAndAListUnderRandomUse) {
       }
     }
   }
+}
+
+TEST(KeyedCollection, TheVersionStaysExactlyAsLongAsTheMembersDo) {
+  KeyedCollection<int, int> collection;
+  uint32_t before = collection.version();
+  const auto changed = [&] { return std::exchange(before, collection.version()) != before; };
+  collection.emplace(1, 10);
+  EXPECT_TRUE(changed());
+  collection.emplace(1, 11).first = 12;
+  collection.find(1);
+  collection.take(2);
+  EXPECT_FALSE(changed());
+  for (const auto& [key, value] : collection) {
+    EXPECT_FALSE(changed());
+    collection.take(key);
+    EXPECT_TRUE(changed());
+  }
+  EXPECT_FALSE(changed()) << "a walk that ends releases what was gone before";
+  collection.emplace(3, 30);
+  EXPECT_TRUE(changed());
+  collection.clear();
+  EXPECT_TRUE(changed());
 }
 
 TEST(KeySet, HoldsEachKeyOnceInOrder) {
