@@ -1,7 +1,6 @@
 // The primitives beside their floors, measured in the same run.
 //   floor: the arithmetic alone, with every context and parameter made beforehand
 //   naive: libcrypto's key objects built and freed each time, with its own check of the peer's key
-#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -9,6 +8,7 @@
 #include <openssl/core_names.h>
 #include <openssl/param_build.h>
 
+#include "bench/agent/Floors.h"
 #include "host/crypto/HmacPRFunc.h"
 #include "host/crypto/IpsecDHGeneral.h"
 #include "host/crypto/NonceGenerator.h"
@@ -18,17 +18,12 @@
 namespace tessel {
 namespace {
 
+using bench::check;
 using libcrypto::Release;
 using Key = std::unique_ptr<EVP_PKEY, Release<&EVP_PKEY_free>>;
 using KeyContext = std::unique_ptr<EVP_PKEY_CTX, Release<&EVP_PKEY_CTX_free>>;
 using Builder = std::unique_ptr<OSSL_PARAM_BLD, Release<&OSSL_PARAM_BLD_free>>;
 using Params = std::unique_ptr<OSSL_PARAM, Release<&OSSL_PARAM_free>>;
-
-void check(bool succeeded) {
-  if (!succeeded) {
-    std::abort();  // A figure of something that fails would be worse than none.
-  }
-}
 
 bool isEcp(DhGroupNum group) {
   return group >= 19 && group <= 21;
@@ -113,34 +108,11 @@ void sharedSecret(benchmark::State& state) {
 }
 
 void sharedSecretFloor(benchmark::State& state) {
-  const Exchange exchange(static_cast<DhGroupNum>(state.range(0)));
-  SecretBytes secret(exchange.secret.size());
-  if (isEcp(exchange.group)) {
-    const Key own = keyOf(exchange.group, exchange.publicKey, exchange.privateKey);
-    const Key peer = keyOf(exchange.group, exchange.peerKey, {});
-    const KeyContext context(EVP_PKEY_CTX_new(own.get(), nullptr));
-    check(EVP_PKEY_derive_init(context.get()) == 1 &&
-          EVP_PKEY_derive_set_peer_ex(context.get(), peer.get(), 0) == 1);
-    for (auto _ : state) {
-      size_t length = secret.size();
-      check(EVP_PKEY_derive(context.get(), secret.data(), &length) == 1);
-    }
-  } else {
-    const libcrypto::BigNum prime(exchange.group == 14 ? BN_get_rfc3526_prime_2048(nullptr)
-                                                       : BN_get_rfc3526_prime_4096(nullptr));
-    const libcrypto::BigNum exponent = numberOf(exchange.privateKey.view());
-    const libcrypto::BigNum base = numberOf(exchange.peerKey);
-    const libcrypto::BigNum result(BN_new());
-    const libcrypto::BigNumContext scratch(BN_CTX_new());
-    const libcrypto::MontgomeryContext montgomery(BN_MONT_CTX_new());
-    check(BN_MONT_CTX_set(montgomery.get(), prime.get(), scratch.get()) == 1);
-    for (auto _ : state) {
-      check(BN_mod_exp_mont_consttime(result.get(), base.get(), exponent.get(), prime.get(),
-                                      scratch.get(), montgomery.get()) == 1);
-    }
-    check(BN_bn2binpad(result.get(), secret.data(), static_cast<int>(secret.size())) > 0);
+  bench::SharedSecretFloor floor(static_cast<DhGroupNum>(state.range(0)));
+  for (auto _ : state) {
+    floor.compute();
   }
-  check(secret == exchange.secret);
+  check(floor.secret() == floor.expected());
 }
 
 void sharedSecretNaive(benchmark::State& state) {
@@ -176,10 +148,6 @@ void keyPair(benchmark::State& state) {
 }
 BENCHMARK(keyPair)->Arg(14)->Arg(16)->Arg(19)->Arg(20)->Arg(21);
 
-// Seed key and 216 bytes of prf+: two integrity keys of 64 bytes, two encryption keys of 36, two
-// SPIs and some to spare.
-constexpr size_t streamLen = 216;
-
 void seedKeyAndStream(benchmark::State& state) {
   const SecretBytes fullNonce(Bytes(64, 1));
   const SecretBytes secret(Bytes(32, 2));
@@ -193,52 +161,17 @@ void seedKeyAndStream(benchmark::State& state) {
     }
     check(prf.setKey(fullNonce) && prf.generatePRStream(secret, &seedKey) && prf.setKey(seedKey));
     PRFuncPlus plus(prf, true);
-    check(plus.initPRFuncPlus(fullNonce) && plus.generatePRStream(streamLen, &stream));
+    check(plus.initPRFuncPlus(fullNonce) &&
+          plus.generatePRStream(bench::PrfFloor::kStreamLen, &stream));
   }
 }
 BENCHMARK(seedKeyAndStream)->ArgName("contextKept")->Arg(1)->Arg(0);
 
-/// The same with libcrypto's calls alone; `keep`: one context for all, or fetched and made each
-/// time.
+/// The same with libcrypto's calls alone.
 void seedKeyAndStreamFloor(benchmark::State& state) {
-  const Bytes fullNonce(64, 1);
-  const Bytes secret(32, 2);
-  std::string digest = "SHA2-512";
-  const OSSL_PARAM params[] = {
-      OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, digest.data(), 0),
-      OSSL_PARAM_construct_end()};
-  const auto make = [&params] {
-    EVP_MAC* mac = EVP_MAC_fetch(nullptr, "HMAC", nullptr);
-    libcrypto::MacContext context(EVP_MAC_CTX_new(mac));
-    EVP_MAC_free(mac);
-    check(EVP_MAC_CTX_set_params(context.get(), params) == 1);
-    return context;
-  };
-  const bool kept = state.range(0) != 0;
-  libcrypto::MacContext context = make();
-  Bytes seedKey(64);
-  Bytes block(64);
-  size_t length = 0;
+  bench::PrfFloor floor(state.range(0) != 0);
   for (auto _ : state) {
-    const auto start = [&](const Bytes& key, bool sameKey) {
-      if (!kept) {
-        context = make();
-      }
-      const BytesView given = kept && sameKey ? BytesView() : BytesView(key);
-      check(EVP_MAC_init(context.get(), given.data(), given.size(), nullptr) == 1);
-    };
-    start(fullNonce, false);
-    EVP_MAC_update(context.get(), secret.data(), secret.size());
-    EVP_MAC_final(context.get(), seedKey.data(), &length, seedKey.size());
-    for (uint8_t number = 1; number <= (streamLen + 63) / 64; ++number) {
-      start(seedKey, number > 1);
-      if (number > 1) {
-        EVP_MAC_update(context.get(), block.data(), block.size());
-      }
-      EVP_MAC_update(context.get(), fullNonce.data(), fullNonce.size());
-      EVP_MAC_update(context.get(), &number, 1);
-      check(EVP_MAC_final(context.get(), block.data(), &length, block.size()) == 1);
-    }
+    floor.compute();
   }
 }
 BENCHMARK(seedKeyAndStreamFloor)->ArgName("contextKept")->Arg(1)->Arg(0);

@@ -13,7 +13,7 @@ namespace {
 /// Writes `event` into the slot at the head of the ring and moves the head.
 template <class Event>
 void append(EventLog<Event>& log, const Event& event) {
-  log.eventsIs(log.head()) = event;
+  log.eventsIs(log.head(), event);
   if (log.eventCount() < log.capacity()) {
     log.eventCountInc(1);
     if (log.eventCount() < log.capacity()) {

@@ -8,6 +8,7 @@
 #include "sm/Paths.h"
 #include "sm/SecurityAssociations.h"
 #include "sm/TesselV1Sm.h"
+#include "sm/rekey/RekeySm.h"
 
 namespace tessel::Ipsec {
 
@@ -122,6 +123,21 @@ bool PathHealth::isPathActive(const ConnectionKey& key, bool update) {
     TRACE("pathConnState not found", key);
     return false;
   }
+  const Ptr<RekeySm>& rekeySm = sm_.paths().rekeySm(key);
+  return isPathActive(path, rekeySm && rekeySm->pathConnState() == path, update);
+}
+
+bool PathHealth::isPathActive(const RekeySm& rekeySm, bool update) {
+  const Ptr<Ike::PathConnState> path = sm_.paths().getPathConnState(rekeySm);
+  if (!path) {
+    TRACE("pathConnState not found", rekeySm.connectionKey());
+    return false;
+  }
+  return isPathActive(path, rekeySm.pathConnState() == path, update);
+}
+
+bool PathHealth::isPathActive(const Ptr<Ike::PathConnState>& path, bool watched, bool update) {
+  const ConnectionKey& key = path->connectionKey();
   const Ptr<Ike::SanityCheck> sanity = path->sanityCheck();
   if (!sanity) {
     TRACE("sanityCheck not found", key);
@@ -134,6 +150,13 @@ bool PathHealth::isPathActive(const ConnectionKey& key, bool update) {
     return true;
   }
 
+  const auto refresh = [this, watched](const Ptr<Ike::PathConnSaInfo>& saInfo) {
+    if (watched) {
+      sm_.securityAssociations().setSaInfoEntry(saInfo);
+    } else {
+      sm_.securityAssociations().setSaInfoEntry(saInfo->sakey());
+    }
+  };
   const uint64_t prevIn = sanity->inSaPkts();
   const uint64_t prevOut = sanity->outSaPkts();
   uint64_t curIn = 0;
@@ -143,12 +166,12 @@ bool PathHealth::isPathActive(const ConnectionKey& key, bool update) {
     const SaType type = saInfo->sa()->saType();
     if (type == SaType::steadyIn) {
       ++steady.inCount;
-      sm_.securityAssociations().setSaInfoEntry(saKey);
+      refresh(saInfo);
       steady.in = saInfo;
       curIn = saInfo->pkts();
     } else if (type == SaType::steadyOut) {
       ++steady.outCount;
-      sm_.securityAssociations().setSaInfoEntry(saKey);
+      refresh(saInfo);
       steady.out = saInfo;
       curOut = saInfo->pkts();
     }

@@ -6,6 +6,7 @@
 
 namespace tessel::Ipsec {
 
+class RekeySm;
 class TesselV1Sm;
 
 /// Sanity checks, clearing and pruning of paths.
@@ -20,6 +21,8 @@ class PathHealth {
   /// Whether both packet counts of the path's steady SAs grew since the last recorded baseline.
   /// With `update` the baseline and the activity time move on.
   bool isPathActive(const ConnectionKey& key, bool update);
+  /// The same for the path of a rekey machine.
+  bool isPathActive(const RekeySm& rekeySm, bool update);
   /// Clears the path when it has expired and is neither active nor freshly rebuilt.
   void maybeClearPath(const ConnectionKey& key);
   /// Whether the path's steady SAs carry the SPIs of the current key generations.
@@ -31,6 +34,8 @@ class PathHealth {
   void prunePath(const ConnectionKey& key);
 
  private:
+  /// Of a path whose SAs a rekey machine watches, or not.
+  bool isPathActive(const Ptr<Ike::PathConnState>& path, bool watched, bool update);
   /// Puts a path that completed an SA rekey in the middle of its DH rekey back to waiting for it.
   void resumeWaitingDhRekey(const Ptr<Ike::PathConnState>& path, const DhKeyPair& current);
   /// The published key generations of both sides, 0 for a peer without record.

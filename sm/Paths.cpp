@@ -177,13 +177,25 @@ Ptr<Ike::PathConnState> Paths::getPathConnState(const ConnectionKey& key) const 
   return path;
 }
 
-Ptr<Ike::PathConnState> Paths::findAtAnyPeer(const ConnectionKey& key) const {
-  for (const auto& [address, peer] : sm_.ipsecStatus()->ipsecPeerConnectionState()) {
-    if (const Ptr<Ike::PathConnState>& path = peer->pathConnState(key)) {
-      return path;
-    }
+Ptr<Ike::PathConnState> Paths::getPathConnState(const RekeySm& rekeySm) const {
+  const Ptr<Ike::PathConnState>& path = rekeySm.pathConnState();
+  const Path::PathStatus* const pathStatus = rekeySm.pathStatus();
+  if (path && pathStatus != nullptr && pathStatus->remoteIp() == path->remoteIp()) {
+    return path;  // It stands with the peer that its status names.
   }
-  return nullptr;
+  return getPathConnState(rekeySm.connectionKey());
+}
+
+Ptr<Ike::PathConnState> Paths::findAtAnyPeer(const ConnectionKey& key) const {
+  // A path that stands has its machine, which knows it whatever its status says by now.
+  const Ptr<RekeySm>& owner = rekeySm(key);
+  const Ptr<Ike::PathConnState> path = owner ? owner->pathConnState() : nullptr;
+  if (!path) {
+    return nullptr;
+  }
+  const Ptr<Ike::PeerConnectionState>& peer =
+      sm_.ipsecStatus()->ipsecPeerConnectionState(path->remoteIp());
+  return peer && peer->pathConnState(key) == path ? path : nullptr;
 }
 
 uint32_t Paths::totalPaths() const {

@@ -7,10 +7,10 @@
 #include "host/model/Events.h"
 #include "host/model/IkePath.h"
 #include "host/model/Keys.h"
+#include "sm/rekey/RekeySm.h"
 
 namespace tessel::Ipsec {
 
-class RekeySm;
 class TesselV1Sm;
 
 /// Mirrors configured paths into state and SAs, and is the one writer of `pathState`.
@@ -34,7 +34,7 @@ class Paths {
 
   /// The only writer of `pathState`. Restarts the sanity expiry, also when the state stays.
   void setPathState(const Ptr<Ike::PathConnState>& path, DynamicPathState newState);
-  /// The path's state, or null: by the peer of its status, or without a status by asking all peers.
+  /// The path's state, or null: by the peer of its status, or without a status where it stands.
   Ptr<Ike::PathConnState> getPathConnState(const ConnectionKey& key) const;
   /// Paths of all peers.
   uint32_t totalPaths() const;
@@ -48,10 +48,29 @@ class Paths {
   void rekeySmDelAll();
   void rekeySmNotificationActiveIs(bool active);
 
+  /// Who watches an SA: the reactor of its path's rekey machine, or null. An SA that is watched is
+  /// one of the path's, and lies in the table of SAs as long as it is.
+  const RekeySm::SaInfo* watchedSa(const SecurityAssociationKey& key) const {
+    const RekeySm::SaInfo* const* found = watchedSa_.find(key);
+    return found == nullptr ? nullptr : *found;
+  }
+  void watchedSaIs(const SecurityAssociationKey& key, const RekeySm::SaInfo* saInfo) {
+    watchedSa_.emplace(key).first = saInfo;
+  }
+  void watchedSaDel(const SecurityAssociationKey& key, const RekeySm::SaInfo* saInfo) {
+    if (watchedSa(key) == saInfo) {
+      watchedSa_.take(key);
+    }
+  }
+  /// The path's state where it stands: what `getPathConnState` finds by the machine's path.
+  Ptr<Ike::PathConnState> getPathConnState(const RekeySm& rekeySm) const;
+
  private:
   Ptr<Ike::PathConnState> findAtAnyPeer(const ConnectionKey& key) const;
 
   TesselV1Sm& sm_;
+  // In the order in which the SAs were made, as the table that the sweeps walk.
+  KeyedCollection<SecurityAssociationKey, const RekeySm::SaInfo*> watchedSa_;
   KeyedCollection<ConnectionKey, Ptr<RekeySm>> rekeySm_;
 };
 

@@ -159,11 +159,11 @@ void PeerKeys::doFirstDhExchange(const IpGenAddr& peer) {
     TRACE("Could not create crypto info for dhKeyPair :", pair);
     return;
   }
-  for (const auto& [connectionKey, status] : sm_.ipsecPathStatusDir()->ipsecPathStatus()) {
-    if (status->remoteIp() == peer && status->establishAllowed()) {
-      sm_.paths().establishPath(connectionKey);
+  sm_.ipsecPathStatusDir()->forEachTowards(peer, [this](const Path::PathStatus& status) {
+    if (status.establishAllowed()) {
+      sm_.paths().establishPath(status.connectionKey());
     }
-  }
+  });
   const Ptr<TesselPeerKeyInfoList> list = localPeerKeyInfoListIs(peer);
   for (const auto& [counter, generation] : list->peerKeyInfo()) {
     if (counter != published) {

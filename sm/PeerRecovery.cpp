@@ -76,11 +76,12 @@ void PeerRecovery::establishWantedPaths(const IpGenAddr& peer) {
   if (!state || state->peerConnStatus() != PeerConnStatus::ready) {
     return;
   }
-  for (const auto& [key, pathStatus] : sm_.ipsecPathStatusDir()->ipsecPathStatus()) {
-    if (pathStatus->remoteIp() == peer && !state->pathConnStateHas(key) && isWanted(*pathStatus)) {
-      sm_.paths().establishPath(key);
-    }
-  }
+  sm_.ipsecPathStatusDir()->forEachTowards(
+      peer, [this, &state](const Path::PathStatus& pathStatus) {
+        if (!state->pathConnStateHas(pathStatus.connectionKey()) && isWanted(pathStatus)) {
+          sm_.paths().establishPath(pathStatus.connectionKey());
+        }
+      });
 }
 
 bool PeerRecovery::isWanted(const Path::PathStatus& pathStatus) const {

@@ -55,16 +55,16 @@ void SaRekey::handleSaRekeyTimer() {
     return;
   }
   for (const auto& [key, sa] : vrfStatus->tesselSa()) {
-    checkSoftExpiry(sa, *vrfStatus);
+    checkSoftExpiry(key, sa, *vrfStatus);
   }
 }
 
-void SaRekey::checkSoftExpiry(const Ptr<Ike::SecurityAssociation>& sa,
+void SaRekey::checkSoftExpiry(const SecurityAssociationKey& key,
+                              const Ptr<Ike::SecurityAssociation>& sa,
                               const Ike::VrfStatus& vrfStatus) {
-  const SecurityAssociationKey& key = sa->sakey();
   const IpsecCounters::IpsecSACounterEntry counters = sm_.securityAssociations().saCounters(key);
   const RekeySm* rekeySm =
-      findLivePath(*sa, counters, "handleSaRekeyTimer: connectionKey not found");
+      findLivePath(key, *sa, counters, "handleSaRekeyTimer: connectionKey not found");
   if (rekeySm == nullptr) {
     return;
   }
@@ -73,7 +73,7 @@ void SaRekey::checkSoftExpiry(const Ptr<Ike::SecurityAssociation>& sa,
     TRACE("Not initiating a rekey as prior rekey is still in progress", key);
     return;
   }
-  if (!path->pathConnSaInfoHas(key)) {
+  if (!isOfPath(key, *rekeySm)) {
     TRACE("pathConnSaInfo not found", key);
     return;
   }
@@ -93,7 +93,7 @@ void SaRekey::checkSoftExpiry(const Ptr<Ike::SecurityAssociation>& sa,
   // Looking at the counters may run reactors that destroy the path.
   const ConnectionKey connectionKey = rekeySm->connectionKey();
   if (path->pathState() != DynamicPathState::active ||
-      !sm_.pathHealth().isPathActive(connectionKey, false)) {
+      !sm_.pathHealth().isPathActive(*rekeySm, false)) {
     TRACE("Not rekeying as path is not active", connectionKey);
     return;
   }
@@ -134,13 +134,21 @@ bool SaRekey::hasSoftExpired(const Ike::LifetimeCfg& limits,
   return expired;
 }
 
-const RekeySm* SaRekey::findLivePath(const Ike::SecurityAssociation& sa,
+const RekeySm* SaRekey::findLivePath(const SecurityAssociationKey& key,
+                                     const Ike::SecurityAssociation& sa,
                                      const IpsecCounters::IpsecSACounterEntry& counters,
                                      const char* connectionKeyText) const {
   if (counters == IpsecCounters::IpsecSACounterEntry()) {
-    TRACE("saCounterEntry not found for sa with reqid : ", sa.reqid(),
-          " spi : ", spiText(sa.sakey().spi), " daddr : ", sa.sakey().daddr);
+    TRACE("saCounterEntry not found for sa with reqid : ", sa.reqid(), " spi : ", spiText(key.spi),
+          " daddr : ", key.daddr);
     return nullptr;
+  }
+  if (const RekeySm::SaInfo* watched = sm_.paths().watchedSa(key)) {
+    const RekeySm& rekeySm = watched->rekeySm();
+    const Ike::IpsecConnectionStatusInfo* const connection = rekeySm.connectionStatus();
+    if (connection != nullptr && connection->isUsable() && rekeySm.pathConnState()) {
+      return &rekeySm;
+    }
   }
   const ConnectionKey connectionKey = getConnectionKeyFromSa(sa);
   const Ptr<Ike::IpsecConnectionStatusInfo>& connection =
@@ -165,6 +173,12 @@ const RekeySm* SaRekey::findLivePath(const Ike::SecurityAssociation& sa,
   return rekeySm.get();
 }
 
+bool SaRekey::isOfPath(const SecurityAssociationKey& key, const RekeySm& rekeySm) const {
+  const RekeySm::SaInfo* const watched = sm_.paths().watchedSa(key);
+  return (watched != nullptr && &watched->rekeySm() == &rekeySm) ||
+         rekeySm.pathConnState()->pathConnSaInfoHas(key);
+}
+
 void SaRekey::handleUpdateRekeyTimer() {
   TRACE("handleUpdateRekeyTimer");
   if (!sm_.initialized()) {
@@ -181,12 +195,12 @@ void SaRekey::handleUpdateRekeyTimer() {
   }
   bool queued = false;
   for (const auto& [key, sa] : vrfStatus->tesselSa()) {
-    const RekeySm* rekeySm = findLivePath(*sa, sm_.securityAssociations().saCounters(key),
+    const RekeySm* rekeySm = findLivePath(key, *sa, sm_.securityAssociations().saCounters(key),
                                           "handleUpdateRekeyTimer: connectionKey not found");
     if (rekeySm == nullptr) {
       continue;
     }
-    if (!rekeySm->pathConnState()->pathConnSaInfoHas(key)) {
+    if (!isOfPath(key, *rekeySm)) {
       TRACE("pathConnSaInfo not found", key);
       continue;
     }
@@ -226,7 +240,9 @@ void SaRekey::maybeRekeySa(const SecurityAssociationKey& saKey) {
     return;
   }
   const ConnectionKey key = getConnectionKeyFromSa(*sa);
-  const Ptr<RekeySm> rekeySm = sm_.paths().rekeySm(key);
+  const RekeySm::SaInfo* const watched = sm_.paths().watchedSa(saKey);
+  const Ptr<RekeySm> rekeySm =
+      watched != nullptr ? Ptr<RekeySm>(&watched->rekeySm()) : sm_.paths().rekeySm(key);
   if (!rekeySm) {
     TRACE("rekeySm not found", key);
     return;

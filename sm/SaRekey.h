@@ -35,10 +35,13 @@ class SaRekey {
  private:
   /// The checks that both sweeps share. Returns the rekey machine of the SA's path, which then has
   /// its path state, or null; `connectionKeyText` is traced for a path without connection status.
-  const RekeySm* findLivePath(const Ike::SecurityAssociation& sa,
+  const RekeySm* findLivePath(const SecurityAssociationKey& key, const Ike::SecurityAssociation& sa,
                               const IpsecCounters::IpsecSACounterEntry& counters,
                               const char* connectionKeyText) const;
-  void checkSoftExpiry(const Ptr<Ike::SecurityAssociation>& sa, const Ike::VrfStatus& vrfStatus);
+  /// Whether an SA is one of the path of `rekeySm`, which has its path state.
+  bool isOfPath(const SecurityAssociationKey& key, const RekeySm& rekeySm) const;
+  void checkSoftExpiry(const SecurityAssociationKey& key, const Ptr<Ike::SecurityAssociation>& sa,
+                       const Ike::VrfStatus& vrfStatus);
   bool hasSoftExpired(const Ike::LifetimeCfg& limits,
                       const IpsecCounters::IpsecSACounterEntry& counters) const;
 

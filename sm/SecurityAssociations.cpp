@@ -276,6 +276,10 @@ void SecurityAssociations::fillPathConnSaInfo(const Ptr<Ike::SecurityAssociation
 }
 
 void SecurityAssociations::setSaInfoEntry(const SecurityAssociationKey& key) {
+  if (const RekeySm::SaInfo* watched = sm_.paths().watchedSa(key)) {
+    setSaInfoEntry(watched->notifier());
+    return;
+  }
   const Ptr<Ike::VrfStatus>& vrfStatus = sm_.ipsecStatus()->vrfStatus(L3::kDefaultVrfName);
   if (!vrfStatus) {
     TRACE("ipsecVrfStatus not found", L3::kDefaultVrfName);
@@ -297,9 +301,14 @@ void SecurityAssociations::setSaInfoEntry(const SecurityAssociationKey& key) {
     TRACE("setSaInfoEntry: pathConnState not found", key);
     return;
   }
-  const IpsecCounters::IpsecSACounterEntry counters = saCounters(key);
+  setSaInfoEntry(saInfo);
+}
+
+void SecurityAssociations::setSaInfoEntry(const Ptr<Ike::PathConnSaInfo>& watched) {
+  const Ptr<Ike::PathConnSaInfo> saInfo = watched;  // What hears of it may take it away.
+  const IpsecCounters::IpsecSACounterEntry counters = saCounters(saInfo->sakey());
   if (counters == IpsecCounters::IpsecSACounterEntry()) {
-    TRACE("saCounterEntry not found for sa with reqid :", sa->reqid());
+    TRACE("saCounterEntry not found for sa with reqid :", saInfo->sa()->reqid());
     return;
   }
   const uint32_t type = counters.nonceWord >> 28U;

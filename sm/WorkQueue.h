@@ -1,8 +1,12 @@
 // WorkQueue: keys that wait for work, drained by a task in slices.
 #pragma once
 
+#include <algorithm>
+#include <bit>
 #include <cstddef>
+#include <cstdint>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "host/entity/KeyedCollection.h"
@@ -19,29 +23,43 @@ class WorkQueue {
   void add(const Key& key) {
     if (draining_) {
       added_.insert(key);
-    } else if (waiting_.insert(key)) {
-      order_.push_back(key);
+      return;
     }
+    if (2 * (order_.size() + 1) > index_.size()) {
+      growIndex();
+    }
+    uint32_t& place = placeOf(key);
+    if (place != kFree && order_[place].waits) {
+      return;
+    }
+    place = static_cast<uint32_t>(order_.size());
+    order_.push_back({key, true});
+    ++waiting_;
   }
   void del(const Key& key) {
-    waiting_.erase(key);
+    if (Entry* const entry = find(key)) {
+      entry->waits = false;
+      --waiting_;
+    }
     added_.erase(key);
     if (bookmark_ == key) {
       bookmark_.reset();
     }
   }
   void delAll() {
-    waiting_.clear();
     added_.clear();
     bookmark_.reset();
+    for (Entry& entry : order_) {
+      entry.waits = false;
+    }
+    waiting_ = 0;
     if (!draining_) {
-      order_.clear();
-      next_ = 0;
+      forgetDone();
     }
   }
-  bool has(const Key& key) const { return waiting_.has(key) || added_.has(key); }
-  size_t size() const { return waiting_.size() + added_.size(); }
-  bool empty() const { return waiting_.empty() && added_.empty(); }
+  bool has(const Key& key) const { return find(key) != nullptr || added_.has(key); }
+  size_t size() const { return waiting_ + added_.size(); }
+  bool empty() const { return size() == 0; }
 
   /// The key at which a run stopped to yield; the next run starts there.
   const std::optional<Key>& bookmark() const { return bookmark_; }
@@ -55,23 +73,23 @@ class WorkQueue {
     bookmark_.reset();
     uint64_t done = 0;
     while (next_ < order_.size()) {
-      const Key& key = order_[next_];
-      if (!waiting_.has(key)) {
+      Entry& entry = order_[next_];
+      if (!entry.waits) {
         ++next_;  // Deleted from the queue meanwhile.
         continue;
       }
       if (done > 0 && task.taskShouldYield()) {
-        bookmark_ = key;
+        bookmark_ = entry.key;
         break;
       }
-      waiting_.erase(key);
+      entry.waits = false;
+      --waiting_;
       ++next_;
       ++done;
-      process(key);
+      process(entry.key);
     }
     if (next_ > order_.size() / 2) {
-      order_.erase(order_.begin(), order_.begin() + static_cast<std::ptrdiff_t>(next_));
-      next_ = 0;
+      forgetDone();
     }
     draining_ = false;
     for (const Key& key : added_.keys()) {
@@ -87,10 +105,62 @@ class WorkQueue {
   }
 
  private:
-  // Done keys lie before next_, so the keys from next_ on are those that wait, in order.
-  std::vector<Key> order_;
+  struct Entry {
+    Key key;
+    bool waits;
+  };
+
+  // Keys by their places in order_, in a table of which at least half is free. Keys that are done
+  // stay in it until order_ is shortened: they do not wait, and one that is added again takes their
+  // place.
+  static constexpr uint32_t kFree = UINT32_MAX;
+  static constexpr uint32_t kSeed = 0x7E55E2;
+
+  uint32_t& placeOf(const Key& key) {
+    const size_t mask = index_.size() - 1;
+    size_t i = hashValue(key, kSeed) & mask;
+    while (index_[i] != kFree && !(order_[index_[i]].key == key)) {
+      i = (i + 1) & mask;
+    }
+    return index_[i];
+  }
+  /// The entry of a key that waits, or null.
+  const Entry* find(const Key& key) const {
+    if (waiting_ == 0) {
+      return nullptr;
+    }
+    const uint32_t place = const_cast<WorkQueue*>(this)->placeOf(key);
+    return place != kFree && order_[place].waits ? &order_[place] : nullptr;
+  }
+  Entry* find(const Key& key) { return const_cast<Entry*>(std::as_const(*this).find(key)); }
+  void growIndex() {
+    index_.assign(std::bit_ceil(4 * (order_.size() + 1)), kFree);
+    fillIndex();
+  }
+  void fillIndex() {
+    for (size_t i = 0; i < order_.size(); ++i) {
+      if (order_[i].waits) {
+        placeOf(order_[i].key) = static_cast<uint32_t>(i);
+      }
+    }
+  }
+  /// Outside of a run: drops the keys before next_. An empty queue keeps no memory.
+  void forgetDone() {
+    if (waiting_ == 0) {
+      order_ = {};
+      index_ = {};
+    } else {
+      order_.erase(order_.begin(), order_.begin() + static_cast<std::ptrdiff_t>(next_));
+      std::ranges::fill(index_, kFree);
+      fillIndex();
+    }
+    next_ = 0;
+  }
+
+  std::vector<Entry> order_;  // Those before next_ are done.
+  std::vector<uint32_t> index_;
   size_t next_ = 0;
-  KeySet<Key> waiting_;
+  size_t waiting_ = 0;
   KeySet<Key> added_;
   bool draining_ = false;
   std::optional<Key> bookmark_;

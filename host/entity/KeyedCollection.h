@@ -61,10 +61,17 @@ class KeyedCollection {
     index_.swap(other.index_);
     std::swap(used_, other.used_);
     std::swap(live_, other.live_);
+    ++version_;
+    ++other.version_;
+    forgetLast();
+    other.forgetLast();
   }
 
   size_t size() const { return live_; }
   bool empty() const { return live_ == 0; }
+  /// Another number after every addition and deletion: while it stays, so do the members, and what
+  /// was found is still there.
+  uint32_t version() const { return version_; }
 
   /// The value under `key`, or null.
   const Value* find(const Key& key) const {
@@ -86,6 +93,7 @@ class KeyedCollection {
     fresh.state = SlotState::live;
     ++used_;
     ++live_;
+    ++version_;
     if (index_.hasRoomAfter(live_)) {
       fresh.hash = hash;
       index_.link(hash, &fresh);
@@ -107,6 +115,7 @@ class KeyedCollection {
       index_.unlink(old.hash, &old);
     }
     --live_;
+    ++version_;
     if (walks_ > 0) {
       old.state = SlotState::deleted;
       return old.member()->value;
@@ -128,6 +137,7 @@ class KeyedCollection {
       }
     }
     live_ = 0;
+    ++version_;
     index_.reset();
     if (walks_ == 0) {
       sweep();
@@ -205,6 +215,7 @@ class KeyedCollection {
  private:
   static constexpr uint32_t kScanLimit = 8;  // Up to here comparing keys beats an index.
   static constexpr uint32_t kSeed = 0x7E55E1;
+  static constexpr uint8_t kTrust = 4;
 
   enum class SlotState : uint8_t { unused, live, deleted };
 
@@ -214,6 +225,8 @@ class KeyedCollection {
     alignas(Member) unsigned char storage[sizeof(Member)];
     uint32_t hash = 0;
     SlotState state = SlotState::unused;
+    bool beginsBlock = false;
+    bool endsBlock = false;
   };
 
   // Members lie in blocks of 2, 2, 4, 8, 16 ... slots: growing moves nothing.
@@ -229,7 +242,11 @@ class KeyedCollection {
   }
 
   Slot* locate(const Key& key) const {
-    return index_.empty() ? scan(key) : probe(key, hashValue(key, kSeed));
+    if (index_.empty()) {
+      return scan(key);
+    }
+    Slot* const guessed = guess(key);
+    return guessed != nullptr ? guessed : locateByHash(key);
   }
   Slot* scan(const Key& key) const {
     for (uint32_t i = 0; i < used_; ++i) {
@@ -244,6 +261,42 @@ class KeyedCollection {
     return static_cast<Slot*>(index_.find(
         hash, [&](void* place) { return static_cast<Slot*>(place)->member()->key == key; }));
   }
+  // A walk over one collection that looks its keys up in another one mostly finds the neighbour of
+  // the member that it found last, or that one again: comparing keys there saves the hash, and two
+  // distant places in memory. Only while it keeps coming true: a wrong guess costs a third one.
+  Slot* guess(const Key& key) const {
+    if (trust_ == 0) {
+      return nullptr;
+    }
+    const auto holds = [&key](const Slot* slot) {
+      return slot->state == SlotState::live && slot->member()->key == key;
+    };
+    if (holds(last_)) {
+      return last_;
+    }
+    if (!last_->endsBlock && holds(last_ + 1)) {
+      return ++last_;
+    }
+    if (!last_->beginsBlock && holds(last_ - 1)) {
+      return --last_;
+    }
+    --trust_;
+    return nullptr;
+  }
+  Slot* locateByHash(const Key& key) const {
+    Slot* const found = probe(key, hashValue(key, kSeed));
+    if (found != nullptr) {
+      if (last_ != nullptr && (found == last_ || found == last_ + 1 || found == last_ - 1)) {
+        trust_ = kTrust;
+      }
+      last_ = found;
+    }
+    return found;
+  }
+  void forgetLast() {
+    last_ = nullptr;
+    trust_ = 0;
+  }
   void rebuildIndex() {
     index_.restart(live_);
     for (uint32_t i = 0; i < used_; ++i) {
@@ -257,7 +310,10 @@ class KeyedCollection {
   Slot& grow() {
     const uint32_t block = blockOf(used_);
     if (block == blocks_.size()) {
-      blocks_.push_back(std::make_unique<Slot[]>(blockSize(block)));
+      const uint32_t size = blockSize(block);
+      blocks_.push_back(std::make_unique<Slot[]>(size));
+      blocks_.back()[0].beginsBlock = true;
+      blocks_.back()[size - 1].endsBlock = true;
     }
     return slot(used_);
   }
@@ -266,6 +322,7 @@ class KeyedCollection {
     old.member()->~Member();
   }
   void reset() {
+    forgetLast();
     used_ = 0;
     blocks_.clear();
     blocks_.shrink_to_fit();
@@ -291,6 +348,7 @@ class KeyedCollection {
     }
   }
   void compact() {
+    forgetLast();
     uint32_t to = 0;
     for (uint32_t from = 0; from < used_; ++from) {
       Slot& source = slot(from);
@@ -318,7 +376,10 @@ class KeyedCollection {
   HashIndex index_;
   uint32_t used_ = 0;  // Slots handed out, deleted ones included.
   uint32_t live_ = 0;
+  uint32_t version_ = 0;
   mutable uint32_t walks_ = 0;
+  mutable uint8_t trust_ = 0;     // How many more wrong guesses are taken.
+  mutable Slot* last_ = nullptr;  // Found last; null when its block may be gone.
 };
 
 /// A set of keys in insertion order, with the promises of `KeyedCollection`.

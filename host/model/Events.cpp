@@ -19,6 +19,52 @@ const Ptr<T>& findOrMake(KeyedCollection<Key, Ptr<T>>& logs, const Key& key, Arg
 
 }  // namespace
 
+StoredEvent EventForm<LocalEvent>::store(const LocalEvent& event) {
+  return {event.time.seconds(), event.number, 0, event.eventName.number(), 0};
+}
+
+LocalEvent EventForm<LocalEvent>::read(const Key&, const StoredEvent& stored) {
+  return {Duration(stored.time), EventName::fromNumber(stored.name), stored.first};
+}
+
+StoredEvent EventForm<PeerEvent>::store(const PeerEvent& event) {
+  return {event.time.seconds(), event.dhKeyPair.localRekeyCount, event.dhKeyPair.peerRekeyCount,
+          event.eventName.number(), 0};
+}
+
+PeerEvent EventForm<PeerEvent>::read(const Key& key, const StoredEvent& stored) {
+  return {Duration(stored.time),
+          EventName::fromNumber(stored.name),
+          key,
+          {stored.first, stored.second}};
+}
+
+StoredEvent EventForm<PathEvent>::store(const PathEvent& event) {
+  return {event.time.seconds(), event.dhKeyPair.localRekeyCount, event.dhKeyPair.peerRekeyCount,
+          event.eventName.number(), static_cast<uint8_t>(event.pathState)};
+}
+
+PathEvent EventForm<PathEvent>::read(const Key& key, const StoredEvent& stored) {
+  return {Duration(stored.time),
+          EventName::fromNumber(stored.name),
+          key,
+          static_cast<DynamicPathState>(stored.pathState),
+          {stored.first, stored.second}};
+}
+
+StoredEvent EventForm<SaEvent>::store(const SaEvent& event) {
+  return {event.time.seconds(), event.dhKeyPair.localRekeyCount, event.dhKeyPair.peerRekeyCount,
+          event.eventName.number(), static_cast<uint8_t>(event.pathState)};
+}
+
+SaEvent EventForm<SaEvent>::read(const Key& key, const StoredEvent& stored) {
+  return {Duration(stored.time),
+          EventName::fromNumber(stored.name),
+          key.spi,
+          static_cast<DynamicPathState>(stored.pathState),
+          {stored.first, stored.second}};
+}
+
 PathNameMapping::~PathNameMapping() {
   for (const auto& [key, log] : saEvents_) {
     log->mapping_ = nullptr;
@@ -44,17 +90,17 @@ void PathNameMapping::saEventsDel(const SecurityAssociationKey& key) {
 
 const Ptr<LocalEventLog>& RecordEvents::localEventsIs() {
   if (!local_) {
-    local_ = makePtr<LocalEventLog>(maxEventRecord_);
+    local_ = makePtr<LocalEventLog>(LocalEventLog::Key(), maxEventRecord_);
   }
   return local_;
 }
 
 const Ptr<PeerEventEntry>& RecordEvents::peerEventsIs(const IpGenAddr& peer) {
-  return findOrMake(peer_, peer, maxEventRecord_);
+  return findOrMake(peer_, peer, peer, maxEventRecord_);
 }
 
 const Ptr<PathEventEntry>& RecordEvents::pathEventsIs(const ConnectionKey& key) {
-  return findOrMake(path_, key, maxEventRecord_);
+  return findOrMake(path_, key, key, maxEventRecord_);
 }
 
 const Ptr<SaEventEntry>& RecordEvents::saEventsIs(const SecurityAssociationKey& key) {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -65,23 +66,34 @@ inline constexpr std::string_view kEventNames[] = {"clearPath",
                                                    "updateNonceForPeer",
                                                    "updateRouterId"};
 
-/// The name of an event: text that lives as long as the process, since logs outlive what wrote
-/// them.
+/// The name of an event: one of `kEventNames`, or none.
 class EventName {
  public:
   constexpr EventName() = default;
   /// From a string literal; one that is not listed does not compile.
   template <size_t N>
-  consteval EventName(const char (&text)[N]) : text_(text) {
-    if (!std::ranges::binary_search(kEventNames, std::string_view(text))) {
+  consteval EventName(const char (&text)[N]) {
+    const auto* const found = std::ranges::lower_bound(kEventNames, std::string_view(text));
+    if (found == std::end(kEventNames) || *found != text) {
       throw "not one of kEventNames";
     }
+    number_ = static_cast<uint8_t>(found - std::begin(kEventNames));
   }
-  constexpr const char* text() const { return text_; }
-  std::string string() const { return text_; }
+  /// The name with a number that `number()` gave.
+  static constexpr EventName fromNumber(uint8_t number) {
+    EventName name;
+    name.number_ = number;
+    return name;
+  }
+  constexpr uint8_t number() const { return number_; }
+  constexpr const char* text() const { return number_ == kNone ? "" : kEventNames[number_].data(); }
+  std::string string() const { return text(); }
 
  private:
-  const char* text_ = "";
+  static constexpr uint8_t kNone = UINT8_MAX;
+  static_assert(std::size(kEventNames) < kNone);
+
+  uint8_t number_ = kNone;
 };
 
 /// `time` is UTC in all events.
@@ -114,21 +126,72 @@ struct SaEvent {
   DhKeyPair dhKeyPair;
 };
 
+/// What a log keeps of an event: the key is the log's own. There are thousands of logs, and most of
+/// a router's memory would be theirs.
+struct [[gnu::packed]] StoredEvent {
+  double time;
+  uint64_t first;  ///< Of the key pair; or the number of a local event.
+  uint64_t second;
+  uint8_t name;
+  uint8_t pathState;
+};
+
+/// How an event is kept and read, with the key that all events of one log share.
+template <class Event>
+struct EventForm;
+
+template <>
+struct EventForm<LocalEvent> {
+  struct Key {};
+  static StoredEvent store(const LocalEvent& event);
+  static LocalEvent read(const Key& key, const StoredEvent& stored);
+};
+template <>
+struct EventForm<PeerEvent> {
+  using Key = IpGenAddr;
+  static StoredEvent store(const PeerEvent& event);
+  static PeerEvent read(const Key& key, const StoredEvent& stored);
+};
+template <>
+struct EventForm<PathEvent> {
+  using Key = ConnectionKey;
+  static StoredEvent store(const PathEvent& event);
+  static PathEvent read(const Key& key, const StoredEvent& stored);
+};
+template <>
+struct EventForm<SaEvent> {
+  using Key = SecurityAssociationKey;
+  static StoredEvent store(const SaEvent& event);
+  static SaEvent read(const Key& key, const StoredEvent& stored);
+};
+
 /// One log: a ring of slots. `head` is the slot that the next event takes.
 template <class Event>
 class EventLog : public RefCounted {
  public:
-  explicit EventLog(uint32_t capacity) : capacity_(capacity) {}
+  using Key = typename EventForm<Event>::Key;
+
+  EventLog(const Key& key, uint32_t capacity) : key_(key), capacity_(capacity) {}
+  /// Whose events these are.
+  const Key& key() const { return key_; }
   /// Slots of the ring; at least 1.
   uint32_t capacity() const { return capacity_; }
 
-  const std::vector<Event>& events() const { return events_; }
-  /// The event in a slot, made if the slot is new. Slots are used in order.
-  Event& eventsIs(uint32_t slot) {
+  /// The events by their slots.
+  std::vector<Event> events() const {
+    std::vector<Event> result;
+    for (const StoredEvent& stored : events_) {
+      result.push_back(EventForm<Event>::read(key_, stored));
+    }
+    return result;
+  }
+  /// Puts an event of the log's key into a slot, which is made if it is new. Slots are used in
+  /// order.
+  void eventsIs(uint32_t slot, const Event& event) {
     if (slot >= events_.size()) {
       events_.resize(slot + 1);
     }
-    return events_[slot];
+    events_[slot] = EventForm<Event>::store(event);
   }
   uint32_t eventCount() const { return eventCount_; }
   void eventCountInc(uint32_t n) { eventCount_ += n; }
@@ -140,13 +203,14 @@ class EventLog : public RefCounted {
   std::vector<Event> inOrder() const {
     std::vector<Event> result;
     for (size_t i = 0; i < events_.size(); ++i) {
-      result.push_back(events_[(head_ + i) % events_.size()]);
+      result.push_back(EventForm<Event>::read(key_, events_[(head_ + i) % events_.size()]));
     }
     return result;
   }
 
  private:
-  std::vector<Event> events_;
+  std::vector<StoredEvent> events_;
+  const Key key_;
   const uint32_t capacity_;
   uint32_t eventCount_ = 0;
   uint32_t head_ = 0;
@@ -158,16 +222,14 @@ using PathEventEntry = EventLog<PathEvent>;
 class PathNameMapping;
 class SaEventEntry final : public EventLog<SaEvent> {
  public:
-  SaEventEntry(const SecurityAssociationKey& key, uint32_t capacity)
-      : EventLog(capacity), sakey_(key) {}
-  const SecurityAssociationKey& sakey() const { return sakey_; }
+  using EventLog::EventLog;
+  const SecurityAssociationKey& sakey() const { return key(); }
   /// The index entry that lists this log; null when none does.
   PathNameMapping* mapping() const { return mapping_; }
 
  private:
   friend class PathNameMapping;
 
-  const SecurityAssociationKey sakey_;
   PathNameMapping* mapping_ = nullptr;
 };
 

@@ -1,10 +1,6 @@
 #include "host/model/IpGenAddr.h"
 
-#include <cstring>
-
 #include <arpa/inet.h>
-
-#include "host/entity/Hash.h"
 
 namespace tessel {
 
@@ -74,12 +70,6 @@ std::string IpGenAddr::stringValue() const {
   char text[INET6_ADDRSTRLEN] = {};
   inet_ntop(family() == AddressFamily::ipv4 ? AF_INET : AF_INET6, bytes_.data(), text, sizeof text);
   return text;
-}
-
-uint32_t IpGenAddr::hash(uint32_t seed) const {
-  uint64_t words[2];
-  std::memcpy(words, bytes_.data(), sizeof words);
-  return Hasher(seed).add(words[0]).add(words[1] ^ family_).value();
 }
 
 }  // namespace tessel

@@ -4,9 +4,12 @@
 #include <array>
 #include <compare>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "host/entity/Hash.h"
 
 namespace tessel {
 
@@ -42,8 +45,19 @@ class IpGenAddr {
   /// "192.0.2.1", "2001:db8::1", or "unspecified" for the address without family.
   std::string stringValue() const;
 
-  uint32_t hash(uint32_t seed) const;
-  friend bool operator==(const IpGenAddr&, const IpGenAddr&) = default;
+  uint32_t hash(uint32_t seed) const {
+    uint64_t words[2];
+    std::memcpy(words, bytes_.data(), sizeof words);
+    return Hasher(seed).add(words[0]).add(words[1] ^ family_).value();
+  }
+  friend bool operator==(const IpGenAddr& a, const IpGenAddr& b) {
+    // Every lookup compares addresses; this is what a comparison of arrays does not compile to.
+    uint64_t x[2];
+    uint64_t y[2];
+    std::memcpy(x, a.bytes_.data(), sizeof x);
+    std::memcpy(y, b.bytes_.data(), sizeof y);
+    return ((x[0] ^ y[0]) | (x[1] ^ y[1]) | (a.family_ ^ b.family_)) == 0;
+  }
   friend std::strong_ordering operator<=>(const IpGenAddr& a, const IpGenAddr& b) {
     if (const auto order = a.family_ <=> b.family_; order != 0) {
       return order;

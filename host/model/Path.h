@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "host/entity/Entity.h"
 #include "host/model/Keys.h"
@@ -27,18 +28,42 @@ class PathConnConfig final : public Entity {
 enum class UnderlayState : uint8_t { down = 0, connecting = 1, connected = 2, established = 3 };
 std::string stringValue(UnderlayState state);
 
+class PathStatus;
+class PathStatusDir;
+
+/// Which path statuses name which peer. A directory and its statuses share it, since either may
+/// outlive the other.
+class PeerIndex final : public RefCounted {
+ public:
+  /// The number of the next status: the larger, the younger.
+  uint64_t nextOrder() { return ++lastOrder_; }
+  /// `status` names `to` from now on, and `from` no more. The address without family is no peer.
+  void move(PathStatus& status, const IpGenAddr& from, const IpGenAddr& to);
+  /// The statuses that name `peer`, the oldest first; null for none.
+  const std::vector<PathStatus*>* find(const IpGenAddr& peer) const { return byPeer_.find(peer); }
+
+ private:
+  KeyedCollection<IpGenAddr, std::vector<PathStatus*>> byPeer_;
+  uint64_t lastOrder_ = 0;
+};
+
 /// Status of one dynamic path.
 class PathStatus final : public Entity {
  public:
-  explicit PathStatus(const ConnectionKey& key) : connectionKey_(key) {}
+  PathStatus(const PathStatusDir& directory, const ConnectionKey& key);
+  ~PathStatus() override;
   const ConnectionKey& connectionKey() const { return connectionKey_; }
+  /// Its place in the order of the directory.
+  uint64_t order() const { return order_; }
 
   HOST_ATTRIBUTE(state, UnderlayState);
   /// Whether the path may be established.
   HOST_ATTRIBUTE(establishAllowed, bool);
   HOST_ATTRIBUTE(pathName, std::string);
-  /// The peer's VTEP address.
-  HOST_ATTRIBUTE(remoteIp, IpGenAddr);
+  /// The peer's VTEP address: an attribute by which the directory finds the path.
+  static constexpr AttributeName remoteIpName{"remoteIp"};
+  const IpGenAddr& remoteIp() const { return remoteIp_.value(); }
+  void remoteIpIs(const IpGenAddr& peer);
   /// The own public address when the path goes through a translator, else unspecified.
   HOST_ATTRIBUTE(publicIp, IpGenAddr);
   /// Outer UDP ports, host byte order.
@@ -48,11 +73,35 @@ class PathStatus final : public Entity {
 
  private:
   const ConnectionKey connectionKey_;
+  const Ptr<PeerIndex> peers_;
+  const uint64_t order_;
+  Attribute<IpGenAddr> remoteIp_;
 };
 
 /// Status of all dynamic paths.
 class PathStatusDir final : public Entity {
+ public:
   HOST_COLLECTION(ipsecPathStatus, ConnectionKey, PathStatus);
+
+  /// Calls `visit(status)` for each member that names `peer`, in the order of the collection and at
+  /// the cost of these paths alone. `visit` may change everything: a member that it takes away, or
+  /// gives another peer, is not visited any more, and one that it adds not yet.
+  template <class Visit>
+  void forEachTowards(const IpGenAddr& peer, Visit visit) const {
+    for (const Ptr<PathStatus>& status : towards(peer)) {
+      if (status->remoteIp() == peer && ipsecPathStatus(status->connectionKey()) == status) {
+        visit(*status);
+      }
+    }
+  }
+
+ private:
+  friend class PathStatus;
+
+  /// A snapshot, in which there may be statuses that the directory has let go of.
+  std::vector<Ptr<PathStatus>> towards(const IpGenAddr& peer) const;
+
+  const Ptr<PeerIndex> peers_ = makePtr<PeerIndex>();
 };
 
 }  // namespace tessel::Path
@@ -83,6 +132,7 @@ class MergeData final : public Entity {
 };
 
 // Compiled once, in Path.cpp: most units of the engine use these.
+extern template class KeyedCollection<IpGenAddr, std::vector<Path::PathStatus*>>;
 extern template class KeyedCollection<ConnectionKey, Path::PathConfig>;
 extern template class KeyedCollection<ConnectionKey, Ptr<Path::PathStatus>>;
 extern template class KeyedCollection<ConnectionKey, MergedConnection>;

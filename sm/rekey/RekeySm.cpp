@@ -23,7 +23,9 @@ RekeySm::RekeySm(TesselV1Sm* sm, const ConnectionKey& key, const Ptr<RecordEvent
 
 RekeySm::~RekeySm() {
   pathConnStateSubscription_.end();
-  pathConnSaInfoDelAll();
+  for (const auto& [key, saInfo] : pathConnSaInfo_) {
+    saInfo->end();
+  }
 }
 
 void RekeySm::handleInitialized() {
@@ -124,22 +126,41 @@ void RekeySm::pathConnSaInfoIs(const Ptr<Ike::PathConnSaInfo>& saInfo) {
   pathConnSaInfoDel(key);
   const Ptr<SaInfo> made = makePtr<SaInfo>(*this, saInfo);
   pathConnSaInfo_.emplace(key, made);
+  sm_->paths().watchedSaIs(key, made.get());
   made->handleAttached();
 }
 
 void RekeySm::pathConnSaInfoDel(const SecurityAssociationKey& key) {
-  if (const std::optional<Ptr<SaInfo>> gone = pathConnSaInfo_.take(key)) {
+  const SecurityAssociationKey removed = key;  // The caller's may go with the SA.
+  if (const std::optional<Ptr<SaInfo>> gone = pathConnSaInfo_.take(removed)) {
     (*gone)->end();
-  }
-}
-
-void RekeySm::pathConnSaInfoDelAll() {
-  for (const SecurityAssociationKey& key : pathConnSaInfo_.keys()) {
-    pathConnSaInfoDel(key);
+    sm_->paths().watchedSaDel(removed, gone->get());
   }
 }
 
 // Lookups.
+
+namespace {
+
+template <class Found, class Members, class Key>
+auto* lookUp(Found& found, const Members& members, const Key& key) {
+  if (found.version != members.version()) {
+    const auto* const member = members.find(key);
+    found.member = member == nullptr ? nullptr : member->get();
+    found.version = members.version();
+  }
+  return found.member;
+}
+
+}  // namespace
+
+const Ike::IpsecConnectionStatusInfo* RekeySm::connectionStatus() const {
+  return lookUp(connectionStatus_, sm_->ipsecStatus()->ipsecConnectionStatusInfo(), connectionKey_);
+}
+
+const Path::PathStatus* RekeySm::pathStatus() const {
+  return lookUp(pathStatus_, sm_->ipsecPathStatusDir()->ipsecPathStatus(), connectionKey_);
+}
 
 Ptr<Ike::PathConnSaInfo> RekeySm::getSaInfoFromType(SaType type) const {
   if (pathConnState_) {

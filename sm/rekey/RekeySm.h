@@ -26,7 +26,9 @@
 #include "host/entity/Entity.h"
 #include "host/model/Events.h"
 #include "host/model/IkePath.h"
+#include "host/model/IkeStatus.h"
 #include "host/model/Keys.h"
+#include "host/model/Path.h"
 
 namespace tessel::Ipsec {
 
@@ -52,6 +54,7 @@ class RekeySm final : public RefCounted {
    public:
     SaInfo(RekeySm& rekeySm, Ptr<Ike::PathConnSaInfo> notifier);
     const Ptr<Ike::PathConnSaInfo>& notifier() const { return notifier_; }
+    RekeySm& rekeySm() const { return rekeySm_; }
     /// Runs the three handlers once, so that nothing is missed that came before the reactor.
     void handleAttached();
     void end() { subscription_.end(); }
@@ -66,6 +69,12 @@ class RekeySm final : public RefCounted {
   const KeyedCollection<SecurityAssociationKey, Ptr<SaInfo>>& pathConnSaInfo() const {
     return pathConnSaInfo_;
   }
+
+  // What the agent says of the path: looked up again only when a path has come or gone, since the
+  // sweeps ask for it once per SA. Null where there is none.
+
+  const Ike::IpsecConnectionStatusInfo* connectionStatus() const;
+  const Path::PathStatus* pathStatus() const;
 
   // Lookups: the first match in the order of the path's SAs, or null.
 
@@ -118,7 +127,6 @@ class RekeySm final : public RefCounted {
   void syncSaInfos();
   void pathConnSaInfoIs(const Ptr<Ike::PathConnSaInfo>& saInfo);
   void pathConnSaInfoDel(const SecurityAssociationKey& key);
-  void pathConnSaInfoDelAll();
 
   /// The SA that a reactor watches, or null.
   Ptr<Ike::SecurityAssociation> findSa(const SecurityAssociationKey& key) const;
@@ -143,6 +151,14 @@ class RekeySm final : public RefCounted {
   Ptr<Ike::PathConnState> pathConnState_;
   Subscription pathConnStateSubscription_;
   KeyedCollection<SecurityAssociationKey, Ptr<SaInfo>> pathConnSaInfo_;
+  /// A member of one of the agent's collections, and the version in which it was found.
+  template <class T>
+  struct Found {
+    const T* member = nullptr;
+    std::optional<uint32_t> version;
+  };
+  mutable Found<Ike::IpsecConnectionStatusInfo> connectionStatus_;
+  mutable Found<Path::PathStatus> pathStatus_;
   bool notificationActive_ = true;
   bool initialized_ = false;
 };

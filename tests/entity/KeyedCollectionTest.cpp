@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <memory>
 #include <random>
+#include <utility>
 
 #include "host/entity/KeyedCollection.h"
 #include "tests/entity/Allocations.h"
@@ -154,9 +155,9 @@ TEST(KeyedCollection, BehavesLikeAMapAndAListUnderRandomUse) {
         mutate();
       }
       ASSERT_EQ(collection.keys(), order);
-    }
-    for (const int key : order) {
-      ASSERT_EQ(**collection.find(key), key);
+      for (const int key : order) {  // Each stands behind the one that was found before it.
+        ASSERT_EQ(**collection.find(key), key);
+      }
     }
   }
 }
@@ -170,6 +171,28 @@ TEST(KeyedCollectionDeathTest, SaysThatItDiedDuringAWalk) {
     }
   };
   EXPECT_DEATH(dieDuringWalk(), "broken: a collection died during a walk over it");
+}
+
+TEST(KeyedCollection, TheVersionStaysExactlyAsLongAsTheMembersDo) {
+  KeyedCollection<int, int> collection;
+  uint32_t before = collection.version();
+  const auto changed = [&] { return std::exchange(before, collection.version()) != before; };
+  collection.emplace(1, 10);
+  EXPECT_TRUE(changed());
+  collection.emplace(1, 11).first = 12;
+  collection.find(1);
+  collection.take(2);
+  EXPECT_FALSE(changed());
+  for (const auto& [key, value] : collection) {
+    EXPECT_FALSE(changed());
+    collection.take(key);
+    EXPECT_TRUE(changed());
+  }
+  EXPECT_FALSE(changed()) << "a walk that ends releases what was gone before";
+  collection.emplace(3, 30);
+  EXPECT_TRUE(changed());
+  collection.clear();
+  EXPECT_TRUE(changed());
 }
 
 TEST(KeySet, HoldsEachKeyOnceInOrder) {

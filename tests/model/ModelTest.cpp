@@ -6,6 +6,7 @@
 #include "host/model/Counters.h"
 #include "host/model/Events.h"
 #include "host/model/IkeStatus.h"
+#include "host/model/Path.h"
 #include "host/runtime/VirtualTime.h"
 
 namespace tessel {
@@ -49,6 +50,44 @@ TEST(IpGenAddr, ReadsWritesAndOrdersBothFamilies) {
   for (const char* text : {"", "1.2.3", "1.2.3.4.5", "256.0.0.1", "1.2.3.4 ", "2001:db8", "host"}) {
     EXPECT_FALSE(IpGenAddr::parse(text)) << text;
   }
+}
+
+TEST(PathStatusDir, FindsThePathsOfAPeerAsAWalkOverAllWould) {
+  const auto directory = makePtr<Path::PathStatusDir>();
+  const IpGenAddr west = address("192.0.2.2");
+  const IpGenAddr north = address("192.0.2.3");
+  const auto key = [](ConnectionId id) { return ConnectionKey{0, {}, {}, id}; };
+  const auto status = [&](ConnectionId id) { return directory->ipsecPathStatus(key(id)); };
+  const auto towards = [&](const IpGenAddr& peer) {
+    std::vector<ConnectionId> found;
+    directory->forEachTowards(
+        peer, [&](const Path::PathStatus& each) { found.push_back(each.connectionKey().connId); });
+    return found;
+  };
+  for (ConnectionId id = 1; id <= 4; ++id) {
+    directory->ipsecPathStatusIs(key(id))->remoteIpIs(id == 2 ? north : west);
+  }
+  EXPECT_THAT(towards(west), ElementsAre(1, 3, 4));
+  status(2)->remoteIpIs(west);
+  status(3)->remoteIpIs(north);
+  EXPECT_THAT(towards(west), ElementsAre(1, 2, 4)) << "the order is that of the directory";
+  EXPECT_THAT(towards(north), ElementsAre(3));
+
+  // One that is held after its removal is no member, one that comes back goes last.
+  const auto held = status(1);
+  directory->ipsecPathStatusDel(key(1));
+  directory->ipsecPathStatusIs(key(1))->remoteIpIs(west);
+  EXPECT_THAT(towards(west), ElementsAre(2, 4, 1));
+
+  // What the visit takes away is not visited any more.
+  std::vector<ConnectionId> visited;
+  directory->forEachTowards(west, [&](const Path::PathStatus& each) {
+    visited.push_back(each.connectionKey().connId);
+    directory->ipsecPathStatusDel(key(4));
+    status(1)->remoteIpIs(north);
+  });
+  EXPECT_THAT(visited, ElementsAre(2));
+  EXPECT_THAT(towards(north), ElementsAre(3, 1));
 }
 
 TEST(Enumerations, DhGroupsAreTheIanaNumbersOrUnsupported) {

@@ -112,6 +112,45 @@ TEST_F(PathsTest, APathMayComeBeforeAndOutliveThePeersRecord) {
   expectNoPathLeft();
 }
 
+TEST_F(PathsTest, SweepsNoticeWhatTheAgentTakesAwayAndGivesBack) {
+  const FakePeer peer = makePeer(2);
+  const ConnectionKey key = establish(peer);
+  pass(key);
+  run(65);
+  ASSERT_EQ(path(key)->pathState(), DynamicPathState::active);
+  const auto& status = host->ipsecStatus;
+  const auto connected = [&] { status->ipsecConnectionStatusInfoIs(key)->connectionStateIs(7); };
+  const struct {
+    const char* text;
+    std::function<void()> take;
+    std::function<void()> give;
+  } rows[] = {
+      {"handleSaRekeyTimer: connectionKey not found",
+       [&] { status->ipsecConnectionStatusInfoDel(key); }, connected},
+      {"handleUpdateRekeyTimer: connectionKey not found",
+       [&] { status->ipsecConnectionStatusInfoDel(key); }, connected},
+      {"connection not Established or connected yet",
+       [&] { status->ipsecConnectionStatusInfo(key)->connectionStateIs(0); }, connected},
+      {"pathStatus not found", [&] { host->ipsecPathStatusDir->ipsecPathStatusDel(key); },
+       [&] { describePath(*host, key, peer.address, "path"); }},
+      {"peerConnState not found", [&] { pathStatus(key)->remoteIpIs(address("192.0.2.77")); },
+       [&] { pathStatus(key)->remoteIpIs(peer.address); }}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.text);
+    row.take();
+    {
+      const TraceCapture traces;
+      run(5.5);
+      EXPECT_TRUE(traces.has(row.text));
+    }
+    row.give();
+    const TraceCapture traces;
+    run(5.5);
+    EXPECT_FALSE(traces.has(row.text));
+    EXPECT_TRUE(traces.has("scheduling saTask"));
+  }
+}
+
 TEST_F(PathsTest, APathThatComesUpDuringALocalRekeyQueuesItsPeerOnce) {
   const FakePeer peer = makePeer(2);
   const ConnectionKey key = establish(peer);
