@@ -439,11 +439,7 @@ bool SecurityAssociations::deleteOldCryptoInfosOf(const IpGenAddr& peer,
       const auto isOfGeneration = [peerCount](const DhKeyPair& pair) {
         return pair.peerRekeyCount == peerCount;
       };
-      // One above the record is left of a peer that started over before its first exchange was
-      // done.
-      const bool isOld =
-          isMoreThanOneBehind(peerCount, info.rekeyCounter) || peerCount > info.rekeyCounter;
-      if (!isOld || isInUse(state, isOfGeneration)) {
+      if (!isMoreThanOneBehind(peerCount, info.rekeyCounter) || isInUse(state, isOfGeneration)) {
         continue;
       }
       TRACE("Deleting local peerKeyInfo with rekeyCounter:", peerCount);
