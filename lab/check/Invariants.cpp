@@ -137,10 +137,6 @@ void Invariants::handleEvent(const Router& router, const SecurityAssociationKey&
   }
 }
 
-void Invariants::handleLog(const AgentLogLine& line) {
-  scan(line.text);
-}
-
 void Invariants::handleEnd() {
   checks_.reset();
   findings_.labIs(nullptr);

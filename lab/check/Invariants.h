@@ -55,7 +55,6 @@ class Invariants final : public LabObserver {
   void handleEvent(const Router& router, const SecurityAssociationKey& key,
                    const ConnectionKey& path, const SaEvent& event) override;
   using LabObserver::handleEvent;
-  void handleLog(const AgentLogLine& line) override;
   void handleEnd() override;
 
  private:

@@ -179,8 +179,7 @@ void TableChecks::checkGenerations(const Router& router, Duration now) {
       }
     }
     for (const auto& [count, generation] : list->peerKeyInfo()) {
-      const bool isOld = count + 1 < record.rekeyCounter || count > record.rekeyCounter;
-      if (isOld && !theirsInUse.contains(count)) {
+      if (count + 1 < record.rekeyCounter && !theirsInUse.contains(count)) {
         check(peer, {.localRekeyCount = kAnyGeneration, .peerRekeyCount = count},
               ", generation " + std::to_string(count));
       }

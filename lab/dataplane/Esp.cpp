@@ -202,6 +202,10 @@ void EspTransform::seal(uint32_t spi, uint32_t sequence, BytesView inner, BytesV
   if (cipher_) {
     const std::span<uint8_t> iv = out.subspan(kEspHeaderSize, ivSize_);
     fillRandom(iv);
+    if (countsIvs_) {
+      std::ranges::fill(iv, uint8_t{0});
+      put64(iv.data(), ivCounter_++);
+    }
     require(EVP_CipherInit_ex2(cipher_.get(), nullptr, nullptr, iv.data(), 1, nullptr) == 1 &&
                 crypt(cipher_.get(), text),
             "encrypt");

@@ -72,8 +72,11 @@ class EspTransform {
   /// short, no whole number of blocks, or (behind a good ICV) padding that RFC 4303 does not allow.
   Opened open(std::span<uint8_t> esp);
 
-  /// Misbehaves: the IV counter begins at 0.
-  void restartIv() { ivCounter_ = 0; }
+  /// Misbehaves: IVs are counted from 0, random ones too.
+  void restartIv() {
+    ivCounter_ = 0;
+    countsIvs_ = true;
+  }
 
   /// One-way digest of the keys: equal for equal algorithms and keys.
   uint64_t keyTag() const { return keyTag_; }
@@ -93,6 +96,7 @@ class EspTransform {
   size_t blockSize_ = 4;  // What payload, padding and trailer are a multiple of.
   SecretBytes salt_;      // AES-GCM: the first four bytes of its nonce.
   uint64_t ivCounter_ = 0;
+  bool countsIvs_ = false;
   uint64_t keyTag_ = 0;
 };
 

@@ -190,6 +190,9 @@ class FuzzRun {
     }
     outcome_.digest = digest_.finish(lab_);
     const std::vector<Violation>& seen = invariants_.violations();
+    for (const LoggedLine& line : lab_.log()) {
+      invariants_.scan(line.text);
+    }
     for (const Violation& violation : outcome_.violations) {
       invariants_.scan(stringValue(violation));
     }

@@ -12,7 +12,7 @@ enum class Mutant : uint8_t {
   reportsEarly,  ///< An in-SA is reported as installed 10 s before it is.
   dropsOldInSa,  ///< A path's older in-SAs go when a new one is installed.
   swapsNonce,    ///< A nonce word is sent in the wrong byte order.
-  restartsIv,    ///< The IV counter of every SA begins at 0.
+  restartsIv,    ///< The IVs of every SA are counted from 0.
   wrongKey,      ///< An out-SA is installed with one bit of its key inverted.
   losesPacket,   ///< Every hundredth packet that is sealed gets lost without being counted.
   // Controllers and path layers.

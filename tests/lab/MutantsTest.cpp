@@ -1,5 +1,7 @@
 // The checks' check: a lab that misbehaves in one way violates the invariant made for it, and one
 // that does not violates none.
+#include <utility>
+
 #include <gtest/gtest.h>
 
 #include "lab/check/Invariants.h"
@@ -36,9 +38,14 @@ Scenario scenarioWith(Mutant mutant) {
 }
 
 /// The violation that came first; empty when there is none.
-std::string firstViolation(Mutant mutant) {
+std::string firstViolation(Mutant mutant,
+                           IpsecEspAlgorithm encryption = IpsecEspAlgorithm::aes256Gcm128) {
   Invariants invariants;
-  Lab lab(scenarioWith(mutant), {&invariants});
+  Scenario scenario = scenarioWith(mutant);
+  for (RouterPlan& router : scenario.routers) {
+    router.settings.profile.sa.encryption = encryption;
+  }
+  Lab lab(std::move(scenario), {&invariants});
   invariants.start(lab);
   lab.finish();
   for (const LoggedLine& line : lab.log()) {
@@ -85,6 +92,8 @@ TEST(Mutants, EachViolatesItsInvariantFirst) {
     SCOPED_TRACE("mutant " + std::to_string(static_cast<int>(each.mutant)));
     EXPECT_EQ(firstViolation(each.mutant), each.violated);
   }
+  EXPECT_EQ(firstViolation(Mutant::none, IpsecEspAlgorithm::aes128Cbc), "");
+  EXPECT_EQ(firstViolation(Mutant::restartsIv, IpsecEspAlgorithm::aes128Cbc), "iv-never-twice");
 }
 
 }  // namespace
