@@ -114,6 +114,7 @@ class Fuzz {
       }
       sum.splitRoles += outcome.splitRoles;
       sum.refusedPaths += outcome.refusedPaths;
+      sum.leftoverPaths += outcome.leftoverPaths;
       sum.routersNoKey += outcome.routersNoKey;
       for (size_t kind = 0; kind < kFaultKinds; ++kind) {
         sum.faults[kind] += outcome.faults[kind];
@@ -158,9 +159,9 @@ class Fuzz {
     line("rest", fmt::format("at most {:.0f} s after the last fault, of {:.0f} s that it may take",
                              sum.restAfter.seconds(), sum.restBound.seconds()));
     line("limits",
-         fmt::format("{} pairs of routers with split roles, {} paths with a refused SA, {} "
-                     "routers without a key; see docs/limits.md",
-                     sum.splitRoles, sum.refusedPaths, sum.routersNoKey));
+         fmt::format("{} pairs of routers with split roles, {} paths with a refused SA, {} with "
+                     "an in-SA left over, {} routers without a key; see docs/limits.md",
+                     sum.splitRoles, sum.refusedPaths, sum.leftoverPaths, sum.routersNoKey));
     line("digest", fmt::format("{:016x}; {} seeds played twice", digest, playedTwice_));
     out_ << (failed_ == 0 ? fmt::format("held: all {} seeds\n", outcomes_.size())
                           : fmt::format("failed: {} of {} seeds\n", failed_, outcomes_.size()));
