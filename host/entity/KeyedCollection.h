@@ -12,9 +12,8 @@
 // - A walk must end before the collection dies. Where the body can delete the container itself,
 //   walk `keys()` instead.
 // - Lookups do not allocate. A collection that has never held a member has allocated nothing.
-// - An addition or deletion costs the same however many members there are: nothing is ever put
-// right
-//   for all of them at once.
+// - An addition costs the same however many members there are, and so does a deletion: indexes grow
+//   and gaps close bit by bit. A walk in which members were deleted passes all slots once more.
 #pragma once
 
 #include <algorithm>
