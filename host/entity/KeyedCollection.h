@@ -12,10 +12,11 @@
 // - A walk must end before the collection dies. Where the body can delete the container itself,
 //   walk `keys()` instead.
 // - Lookups do not allocate. A collection that has never held a member has allocated nothing.
+// - An addition costs the same however many members there are, and so does a deletion: indexes grow
+//   and gaps close bit by bit. A walk in which members were deleted passes all slots once more.
 #pragma once
 
 #include <algorithm>
-#include <bit>
 #include <cstdint>
 #include <iterator>
 #include <memory>
@@ -28,6 +29,7 @@
 #include "host/entity/Assert.h"
 #include "host/entity/Hash.h"
 #include "host/entity/HashIndex.h"
+#include "host/entity/MemberSlots.h"
 
 namespace tessel {
 
@@ -57,14 +59,12 @@ class KeyedCollection {
 
   void swap(KeyedCollection& other) noexcept {
     HOST_ASSERT(walks_ == 0 && other.walks_ == 0, "a collection was moved during a walk over it");
-    blocks_.swap(other.blocks_);
-    index_.swap(other.index_);
+    slots_.swap(other.slots_);
+    lookup_.swap(other.lookup_);
     std::swap(used_, other.used_);
     std::swap(live_, other.live_);
     ++version_;
     ++other.version_;
-    forgetLast();
-    other.forgetLast();
   }
 
   size_t size() const { return live_; }
@@ -75,72 +75,70 @@ class KeyedCollection {
 
   /// The value under `key`, or null.
   const Value* find(const Key& key) const {
-    const Slot* found = locate(key);
-    return found == nullptr ? nullptr : &found->member()->value;
+    const uint32_t position = locate(key);
+    return position == kNone ? nullptr : &slots_.member(position)->value;
   }
   Value* find(const Key& key) { return const_cast<Value*>(std::as_const(*this).find(key)); }
-  bool has(const Key& key) const { return locate(key) != nullptr; }
+  bool has(const Key& key) const { return locate(key) != kNone; }
 
   /// Finds the value under `key`, or makes one from `args`. The flag says whether it was made.
   template <class... Args>
   std::pair<Value&, bool> emplace(const Key& key, Args&&... args) {
-    const uint32_t hash = index_.empty() ? 0 : hashValue(key, kSeed);
-    if (Slot* found = index_.empty() ? scan(key) : probe(key, hash)) {
-      return {found->member()->value, false};
+    const uint32_t hash = lookup_ ? hashValue(key, kSeed) : 0;
+    if (const uint32_t found = lookup_ ? probe(key, hash) : scan(key); found != kNone) {
+      return {slots_.member(found)->value, false};
     }
-    Slot& fresh = grow();
-    new (fresh.storage) Member{key, Value(std::forward<Args>(args)...)};
-    fresh.state = SlotState::live;
+    slots_.make(used_);
+    Member* const fresh = slots_.member(used_);
+    new (fresh) Member{key, Value(std::forward<Args>(args)...)};
+    slots_.state(used_) = SlotState::live;
     ++used_;
     ++live_;
     ++version_;
-    if (index_.hasRoomAfter(live_)) {
-      fresh.hash = hash;
-      index_.link(hash, &fresh);
+    if (lookup_) {
+      lookup_->index.link(hash, used_ - 1);
     } else if (live_ > kScanLimit) {
-      rebuildIndex();
+      startLookup();
     }
-    return {fresh.member()->value, true};
+    return {fresh->value, true};
   }
 
   /// Takes the member under `key` out. Returns its value, or nothing when there was none; during a
   /// walk the value stays in place until the walk ends, and a copy of it is returned.
   std::optional<Value> take(const Key& key) {
-    Slot* const found = locate(key);
-    if (found == nullptr) {
+    const uint32_t position = locate(key);
+    if (position == kNone) {
       return std::nullopt;
     }
-    Slot& old = *found;
-    if (!index_.empty()) {
-      index_.unlink(old.hash, &old);
+    if (lookup_) {
+      lookup_->index.unlink(hashValue(key, kSeed), position);
     }
     --live_;
     ++version_;
     if (walks_ > 0) {
-      old.state = SlotState::deleted;
-      return old.member()->value;
+      slots_.state(position) = SlotState::deleted;
+      ++deleted_;
+      return slots_.member(position)->value;
     }
-    std::optional<Value> value(std::move(old.member()->value));
-    release(old);
-    if (live_ == 0) {
-      reset();
-    } else if (const uint32_t dead = used_ - live_; dead > kScanLimit && dead > live_) {
-      compact();
-    }
+    std::optional<Value> value(std::move(slots_.member(position)->value));
+    release(position);
+    tidy(1);
     return value;
   }
 
   void clear() {
-    for (uint32_t i = 0; i < used_; ++i) {
-      if (Slot& each = slot(i); each.state == SlotState::live) {
-        each.state = SlotState::deleted;
+    for (uint32_t i = passGap(0); i < used_; i = passGap(i + 1)) {
+      if (slots_.state(i) == SlotState::live) {
+        slots_.state(i) = SlotState::deleted;
       }
     }
+    deleted_ += live_;
     live_ = 0;
     ++version_;
-    index_.reset();
     if (walks_ == 0) {
       sweep();
+    } else if (lookup_) {
+      lookup_->index = HashIndex();
     }
   }
 
@@ -148,9 +146,9 @@ class KeyedCollection {
   std::vector<Key> keys() const {
     std::vector<Key> result;
     result.reserve(live_);
-    for (uint32_t i = 0; i < used_; ++i) {
-      if (slot(i).state == SlotState::live) {
-        result.push_back(slot(i).member()->key);
+    for (uint32_t i = passGap(0); i < used_; i = passGap(i + 1)) {
+      if (slots_.state(i) == SlotState::live) {
+        result.push_back(slots_.member(i)->key);
       }
     }
     return result;
@@ -167,12 +165,12 @@ class KeyedCollection {
     Walk(const Walk&) = delete;
     Walk& operator=(const Walk&) = delete;
     ~Walk() {
-      if (--collection_.walks_ == 0 && collection_.live_ < collection_.used_) {
+      if (--collection_.walks_ == 0 && collection_.deleted_ > 0) {
         const_cast<KeyedCollection&>(static_cast<const KeyedCollection&>(collection_)).sweep();
       }
     }
-    MemberType& operator*() const { return *next_->member(); }
-    MemberType* operator->() const { return next_->member(); }
+    MemberType& operator*() const { return *member_; }
+    MemberType* operator->() const { return member_; }
     Walk& operator++() {
       advance();
       skip();
@@ -184,28 +182,32 @@ class KeyedCollection {
 
    private:
     void enterBlock() {
+      position_ = collection_.passGap(position_);
       if (position_ < end_) {
-        next_ = &collection_.slot(position_);
-        blockEnd_ = std::min(end_, blockStart(blockOf(position_) + 1));
+        member_ = collection_.slots_.member(position_);
+        state_ = &collection_.slots_.state(position_);
+        blockEnd_ = std::min(end_, Slots::blockStart(Slots::blockOf(position_) + 1));
       }
     }
     void advance() {
-      ++next_;
+      ++member_;
+      ++state_;
       if (++position_ == blockEnd_) {
         enterBlock();
       }
     }
     void skip() {
-      while (position_ < end_ && next_->state != SlotState::live) {
+      while (position_ < end_ && *state_ != SlotState::live) {
         advance();
       }
     }
 
     Collection& collection_;
+    Member* member_ = nullptr;
+    const SlotState* state_ = nullptr;
     uint32_t position_ = 0;
     uint32_t blockEnd_ = 0;
     uint32_t end_;
-    decltype(&std::declval<Collection&>().slot(0)) next_ = nullptr;
   };
 
   auto begin() const { return Walk<const KeyedCollection, const Member>(*this); }
@@ -213,173 +215,178 @@ class KeyedCollection {
   std::default_sentinel_t end() const { return {}; }
 
  private:
+  using Slots = MemberSlots<Member>;
+
+  static constexpr uint32_t kNone = HashIndex::kNone;
   static constexpr uint32_t kScanLimit = 8;  // Up to here comparing keys beats an index.
   static constexpr uint32_t kSeed = 0x7E55E1;
   static constexpr uint8_t kTrust = 4;
+  static constexpr uint32_t kStride = 8;  // Slots looked at per deletion, to close gaps.
 
-  enum class SlotState : uint8_t { unused, live, deleted };
-
-  struct Slot {
-    Member* member() { return std::launder(reinterpret_cast<Member*>(storage)); }
-    const Member* member() const { return std::launder(reinterpret_cast<const Member*>(storage)); }
-    alignas(Member) unsigned char storage[sizeof(Member)];
-    uint32_t hash = 0;
-    SlotState state = SlotState::unused;
-    bool beginsBlock = false;
-    bool endsBlock = false;
+  /// What a collection needs once it is too large to be scanned.
+  struct Lookup {
+    HashIndex index;
+    // Closing gaps: the live members below gapEnd stand below gapBegin without gaps between them,
+    // but for what was deleted since. Nothing is being closed while gapEnd is 0.
+    uint32_t gapBegin = 0;
+    uint32_t gapEnd = 0;
+    uint32_t last = kNone;  // Found last, or kNone when it may have moved.
+    uint8_t trust = 0;      // How many more wrong guesses are taken.
   };
 
-  // Members lie in blocks of 2, 2, 4, 8, 16 ... slots: growing moves nothing.
-  static uint32_t blockOf(uint32_t position) {
-    return static_cast<uint32_t>(std::bit_width(position | 1U)) - 1;
-  }
-  static uint32_t blockStart(uint32_t block) { return (1U << block) & ~1U; }
-  static uint32_t blockSize(uint32_t block) { return block == 0 ? 2 : 1U << block; }
+  // Looking up.
 
-  Slot& slot(uint32_t position) const {
-    const uint32_t block = blockOf(position);
-    return blocks_[block][position - blockStart(block)];
-  }
-
-  Slot* locate(const Key& key) const {
-    if (index_.empty()) {
+  uint32_t locate(const Key& key) const {
+    if (!lookup_) {
       return scan(key);
     }
-    Slot* const guessed = guess(key);
-    return guessed != nullptr ? guessed : locateByHash(key);
+    const uint32_t guessed = guess(key);
+    return guessed != kNone ? guessed : locateByHash(key);
   }
-  Slot* scan(const Key& key) const {
+  uint32_t scan(const Key& key) const {
     for (uint32_t i = 0; i < used_; ++i) {
-      Slot& candidate = slot(i);
-      if (candidate.state == SlotState::live && candidate.member()->key == key) {
-        return &candidate;
+      if (holds(i, key)) {
+        return i;
       }
     }
-    return nullptr;
+    return kNone;
   }
-  Slot* probe(const Key& key, uint32_t hash) const {
-    return static_cast<Slot*>(index_.find(
-        hash, [&](void* place) { return static_cast<Slot*>(place)->member()->key == key; }));
+  bool holds(uint32_t position, const Key& key) const {
+    return slots_.state(position) == SlotState::live && slots_.member(position)->key == key;
+  }
+  uint32_t probe(const Key& key, uint32_t hash) const {
+    return lookup_->index.find(
+        hash, [&](uint32_t position) { return slots_.member(position)->key == key; });
   }
   // A walk over one collection that looks its keys up in another one mostly finds the neighbour of
   // the member that it found last, or that one again: comparing keys there saves the hash, and two
   // distant places in memory. Only while it keeps coming true: a wrong guess costs a third one.
-  Slot* guess(const Key& key) const {
-    if (trust_ == 0) {
-      return nullptr;
+  uint32_t guess(const Key& key) const {
+    if (lookup_->trust == 0) {
+      return kNone;
     }
-    const auto holds = [&key](const Slot* slot) {
-      return slot->state == SlotState::live && slot->member()->key == key;
-    };
-    if (holds(last_)) {
-      return last_;
+    const uint32_t last = lookup_->last;
+    if (holds(last, key)) {
+      return last;
     }
-    if (!last_->endsBlock && holds(last_ + 1)) {
-      return ++last_;
+    if (const uint32_t next = passGap(last + 1); next < used_ && holds(next, key)) {
+      return lookup_->last = next;
     }
-    if (!last_->beginsBlock && holds(last_ - 1)) {
-      return --last_;
+    if (const uint32_t previous = last > 0 ? passGap(last - 1) : last; holds(previous, key)) {
+      return lookup_->last = previous;
     }
-    --trust_;
-    return nullptr;
+    --lookup_->trust;
+    return kNone;
   }
-  Slot* locateByHash(const Key& key) const {
-    Slot* const found = probe(key, hashValue(key, kSeed));
-    if (found != nullptr) {
-      if (last_ != nullptr && (found == last_ || found == last_ + 1 || found == last_ - 1)) {
-        trust_ = kTrust;
+  uint32_t locateByHash(const Key& key) const {
+    const uint32_t found = probe(key, hashValue(key, kSeed));
+    if (found != kNone) {
+      const uint32_t last = lookup_->last;
+      if (last != kNone && (found == last || found == last + 1 || found + 1 == last)) {
+        lookup_->trust = kTrust;
       }
-      last_ = found;
+      lookup_->last = found;
     }
     return found;
   }
-  void forgetLast() {
-    last_ = nullptr;
-    trust_ = 0;
-  }
-  void rebuildIndex() {
-    index_.restart(live_);
+  void startLookup() {
+    lookup_ = std::make_unique<Lookup>();
     for (uint32_t i = 0; i < used_; ++i) {
-      if (Slot& each = slot(i); each.state == SlotState::live) {
-        each.hash = hashValue(each.member()->key, kSeed);
-        index_.link(each.hash, &each);
+      if (slots_.state(i) == SlotState::live) {
+        lookup_->index.link(hashValue(slots_.member(i)->key, kSeed), i);
       }
     }
   }
 
-  Slot& grow() {
-    const uint32_t block = blockOf(used_);
-    if (block == blocks_.size()) {
-      const uint32_t size = blockSize(block);
-      blocks_.push_back(std::make_unique<Slot[]>(size));
-      blocks_.back()[0].beginsBlock = true;
-      blocks_.back()[size - 1].endsBlock = true;
-    }
-    return slot(used_);
-  }
-  static void release(Slot& old) {
-    old.state = SlotState::unused;
-    old.member()->~Member();
-  }
-  void reset() {
-    forgetLast();
-    used_ = 0;
-    blocks_.clear();
-    blocks_.shrink_to_fit();
-    index_.reset();
-  }
+  // Deleting.
 
-  // Outside of walks: lets go of what was deleted, and closes the gaps.
+  void release(uint32_t position) {
+    slots_.state(position) = SlotState::unused;
+    slots_.member(position)->~Member();
+  }
+  /// Outside of walks: releases what was deleted in them.
   void sweep() {
     std::vector<Value> released;  // Dies last: releasing may come back to this collection.
-    uint32_t dead = 0;
-    for (uint32_t i = 0; i < used_; ++i) {
-      Slot& each = slot(i);
-      if (each.state == SlotState::deleted) {
-        released.push_back(std::move(each.member()->value));
-        release(each);
+    released.reserve(deleted_);
+    for (uint32_t i = passGap(0); i < used_; i = passGap(i + 1)) {
+      if (slots_.state(i) == SlotState::deleted) {
+        released.push_back(std::move(slots_.member(i)->value));
+        release(i);
       }
-      dead += each.state == SlotState::unused ? 1 : 0;
     }
+    deleted_ = 0;
+    tidy(static_cast<uint32_t>(released.size()));
+  }
+  /// Outside of walks, after so many members were released: an empty collection keeps no memory,
+  /// and one with more gaps than members closes them, a large one a few at each deletion.
+  void tidy(uint32_t released) {
     if (live_ == 0) {
-      reset();
-    } else if (dead > kScanLimit && dead > live_) {
-      compact();
+      slots_.freeAll();
+      lookup_.reset();
+      used_ = 0;
+      return;
+    }
+    const bool mostlyGaps = used_ - live_ > live_;
+    if (!lookup_ && mostlyGaps) {
+      closeGaps(0, 0, used_);
+    } else if (lookup_ && (mostlyGaps || lookup_->gapEnd > 0)) {
+      const uint64_t end = lookup_->gapEnd + uint64_t{kStride} * released;
+      closeGaps(lookup_->gapBegin, lookup_->gapEnd,
+                static_cast<uint32_t>(std::min<uint64_t>(end, used_)));
     }
   }
-  void compact() {
-    forgetLast();
-    uint32_t to = 0;
-    for (uint32_t from = 0; from < used_; ++from) {
-      Slot& source = slot(from);
-      if (source.state != SlotState::live) {
-        continue;
+  /// Moves the live members from `from` up to `end` to where the gap begins.
+  void closeGaps(uint32_t gapBegin, uint32_t from, uint32_t end) {
+    for (uint32_t i = from; i < end; ++i) {
+      if (slots_.state(i) == SlotState::live) {
+        if (i != gapBegin) {
+          moveMember(i, gapBegin);
+        }
+        ++gapBegin;
       }
-      if (from != to) {
-        Slot& target = slot(to);
-        new (target.storage) Member{source.member()->key, std::move(source.member()->value)};
-        target.state = SlotState::live;
-        release(source);
-      }
-      ++to;
     }
-    used_ = to;
-    blocks_.resize(blockOf(used_ - 1) + 1);
-    if (live_ > kScanLimit) {
-      rebuildIndex();
+    const uint32_t needed = gapBegin == 0 ? 0 : Slots::blockOf(gapBegin - 1) + 1;
+    if (end == used_) {
+      slots_.freeBlocks(needed, Slots::blockOf(used_ - 1) + 1);
+      used_ = gapBegin;
+      gapBegin = end = 0;
     } else {
-      index_.reset();
+      slots_.freeBlocks(std::max(needed, Slots::blockOf(from)), Slots::blockOf(end));
     }
+    if (lookup_) {
+      lookup_->gapBegin = gapBegin;
+      lookup_->gapEnd = end;
+      lookup_->last = kNone;
+      lookup_->trust = 0;
+      if (end == 0 && live_ <= kScanLimit) {
+        lookup_.reset();
+      }
+    }
+  }
+  void moveMember(uint32_t from, uint32_t to) {
+    slots_.make(to);
+    Member* const source = slots_.member(from);
+    new (slots_.member(to)) Member{source->key, std::move(source->value)};
+    slots_.state(to) = SlotState::live;
+    if (lookup_) {
+      lookup_->index.move(hashValue(source->key, kSeed), from, to);
+    }
+    release(from);
+  }
+  /// The position, or the first one behind the gap when it lies in that: a gap need not have
+  /// memory.
+  uint32_t passGap(uint32_t position) const {
+    return lookup_ && position >= lookup_->gapBegin && position < lookup_->gapEnd ? lookup_->gapEnd
+                                                                                  : position;
   }
 
-  std::vector<std::unique_ptr<Slot[]>> blocks_;
-  HashIndex index_;
-  uint32_t used_ = 0;  // Slots handed out, deleted ones included.
+  Slots slots_;
+  std::unique_ptr<Lookup> lookup_;
+  uint32_t used_ = 0;  // Slots handed out, those of deleted members included.
   uint32_t live_ = 0;
+  uint32_t deleted_ = 0;  // Members that wait for the end of a walk.
   uint32_t version_ = 0;
   mutable uint32_t walks_ = 0;
-  mutable uint8_t trust_ = 0;     // How many more wrong guesses are taken.
-  mutable Slot* last_ = nullptr;  // Found last; null when its block may be gone.
 };
 
 /// A set of keys in insertion order, with the promises of `KeyedCollection`.

@@ -162,6 +162,41 @@ TEST(KeyedCollection, BehavesLikeAMapAndAListUnderRandomUse) {
   }
 }
 
+/// Thousands of members: the index splits, and gaps are closed while others come and go.
+TEST(KeyedCollection, KeepsOrderAndMembersWhileALargeOneClosesItsGaps) {
+  for (const int kept : {2, 7, 1000}) {  // One of so many stays.
+    SCOPED_TRACE(kept);
+    constexpr int kSize = 20000;
+    Collection collection;
+    fill(collection, kSize);
+    std::vector<int> expected;
+    for (int i = 0; i < kSize; ++i) {
+      if (i % kept == 0) {
+        expected.push_back(i);
+      } else {
+        ASSERT_TRUE(collection.take(i).has_value());
+      }
+      if (i % 64 == 0) {
+        collection.emplace(kSize + i, std::make_shared<int>(kSize + i));
+      }
+      if (i % 997 == 0) {
+        int before = -1;
+        size_t visited = 0;
+        for (const auto& [key, value] : collection) {
+          ASSERT_LT(std::exchange(before, key), key);
+          ASSERT_EQ(collection.find(key), &value);
+          ++visited;
+        }
+        ASSERT_EQ(visited, collection.size());
+      }
+    }
+    for (int i = 0; i < kSize; i += 64) {
+      expected.push_back(kSize + i);
+    }
+    EXPECT_EQ(collection.keys(), expected);
+  }
+}
+
 TEST(KeyedCollectionDeathTest, SaysThatItDiedDuringAWalk) {
   const auto dieDuringWalk = [] {
     auto collection = std::make_unique<KeyedCollection<int, int>>();
