@@ -56,12 +56,7 @@ FabricatedAgent::FabricatedAgent(const AgentSettings& settings)
   asked_.reserve(paths());
   table_.attach<&FabricatedAgent::handleTable>(*host_.tesselV1, *this);
   host_.recordEvents->observerIs(this);
-  machine_ = Ipsec::tesselV1SmFactory(
-      scheduler_, host_.ipsecConfig, host_.ipsecStatus, host_.ipsecDpsPathConfig,
-      host_.ipsecPathStatusDir, host_.ipsecLocalKeyDir, host_.ipsecPeerKeyDir,
-      host_.controllerStatus, host_.profileNotificationList, host_.ipsecCounterTable,
-      host_.encapIdHelper, host_.mergeData, host_.vrfIdStatus, host_.vrfNameStatus,
-      host_.recordEvents, host_.tesselV1);
+  machine_ = Ipsec::tesselV1SmFactory(scheduler_, host_);
   check(host_.ipsecLocalKeyDir->valid());
 }
 

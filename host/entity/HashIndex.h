@@ -7,9 +7,11 @@
 #include <cstdint>
 #include <vector>
 
+#include "host/facility/Export.h"
+
 namespace tessel {
 
-class HashIndex {
+class TESSEL_API HashIndex {
  public:
   /// Whether there is no index: nothing may then be looked up, linked or unlinked.
   bool empty() const { return entries_.empty(); }
