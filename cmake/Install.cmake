@@ -72,7 +72,15 @@ install(
   DESTINATION ${CMAKE_INSTALL_DOCDIR}
   COMPONENT dev)
 
+# What has to be built for it: installing asks for nothing else, tests least of all.
+add_custom_target(installed DEPENDS tessel_host tessel_engine)
+if(TESSEL_SHARED)
+  add_dependencies(installed tessel_host_shared tessel_engine_shared)
+endif()
+set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)
+
 if(TESSEL_LAB)
+  add_dependencies(installed tessel-lab)
   install(TARGETS tessel-lab RUNTIME COMPONENT lab)
   install(
     DIRECTORY ${PROJECT_SOURCE_DIR}/scenarios
