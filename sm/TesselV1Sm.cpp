@@ -329,7 +329,7 @@ Ptr<Reactor> reactorIs(TesselV1Sm& sm, KeyedCollection<Key, Ptr<Reactor>>& react
     }
     reactors.take(key);
   }
-  const Ptr<Reactor> made = makePtr<Reactor>(sm, member);
+  Ptr<Reactor> made = makePtr<Reactor>(sm, member);
   reactors.emplace(key, made);
   return made;
 }

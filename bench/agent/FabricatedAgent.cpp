@@ -51,8 +51,8 @@ FabricatedAgent::FabricatedAgent(const AgentSettings& settings)
     record.hashAlgo = static_cast<uint8_t>(IpsecHmacAlgorithm::sha256);
     renew(record);
   }
-  handedOver_.reserve(2 * paths());
-  takenAway_.reserve(2 * paths());
+  handedOver_.reserve(size_t{2} * paths());
+  takenAway_.reserve(size_t{2} * paths());
   asked_.reserve(paths());
   table_.attach<&FabricatedAgent::handleTable>(*host_.tesselV1, *this);
   host_.recordEvents->observerIs(this);

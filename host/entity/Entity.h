@@ -162,7 +162,8 @@ class TESSEL_API MemberCollection {
     return made;
   }
   void memberDel(const Entity& owner, const CollectionName<Key>& name, const Key& key) {
-    const Key removed = key;  // The caller's key may live in the member.
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): it may live in the member.
+    const Key removed = key;
     if (const std::optional<Ptr<T>> member = members_.take(removed)) {
       owner.notify(Change(name, Change::Kind::removed, removed));
     }
@@ -197,6 +198,7 @@ class TESSEL_API ValueCollection {
     owner.notify(Change(name, made ? Change::Kind::added : Change::Kind::written, key));
   }
   void valueDel(const Entity& owner, const CollectionName<Key>& name, const Key& key) {
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): as above.
     const Key removed = key;
     if (values_.take(removed)) {
       owner.notify(Change(name, Change::Kind::removed, removed));

@@ -220,6 +220,7 @@ class TESSEL_API KeyedCollection {
 
   enum class SlotState : uint8_t { unused, live, deleted };
 
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): the member is made when it is added.
   struct Slot {
     Member* member() { return std::launder(reinterpret_cast<Member*>(storage)); }
     const Member* member() const { return std::launder(reinterpret_cast<const Member*>(storage)); }

@@ -111,8 +111,10 @@ concept Traceable = std::same_as<T, const char*> || std::same_as<T, char*> ||
 class TESSEL_API TraceItem {
  public:
   // Implicit, so that a list of values is a list of items.
+  // NOLINTBEGIN(cppcoreguidelines-pro-type-member-init): the other member of the union.
   TraceItem(const char* text) : text_(text != nullptr ? text : "(null)") {}
   TraceItem(std::string_view text) : text_(text) {}
+  // NOLINTEND(cppcoreguidelines-pro-type-member-init)
   template <Traceable T>
   TraceItem(const T& value) : value_(&value), write_(&writeValue<T>) {}
 
