@@ -128,7 +128,13 @@ void EntityChecks::handlePathStatus(const Change& change) {
 
 void EntityChecks::handlePeerKeyDir(const Change& change) {
   const IpGenAddr* const peer = change.memberOf(Controller::PeerKeyDir::ipsecPeerKeyInfoName);
-  if (peer == nullptr || change.kind() != Change::Kind::removed) {
+  if (peer == nullptr) {
+    return;
+  }
+  for (RemovedPeer& removed : removedPeers_) {
+    removed.others.erase(*peer);  // Its paths may change for what happens to its own record.
+  }
+  if (change.kind() != Change::Kind::removed) {
     return;
   }
   RemovedPeer removed{.peer = *peer,
@@ -136,7 +142,6 @@ void EntityChecks::handlePeerKeyDir(const Change& change) {
   for (const auto& [other, state] : router_.entities().ipsecStatus->ipsecPeerConnectionState()) {
     if (other != *peer && isTakenUp(other)) {
       removed.others[other] = state->pathConnState().keys();
-      removed.records[other] = router_.entities().ipsecPeerKeyDir->ipsecPeerKeyInfo(other);
     }
   }
   removedPeers_.push_back(std::move(removed));
@@ -176,10 +181,6 @@ void EntityChecks::judge(const RemovedPeer& removed) {
     return;
   }
   for (const auto& [peer, paths] : removed.others) {
-    const auto record = removed.records.find(peer);
-    if (!entities.ipsecPeerKeyDir->ipsecPeerKeyInfo(peer).isEq(record->second)) {
-      continue;
-    }
     const Ptr<Ike::PeerConnectionState>& state =
         entities.ipsecStatus->ipsecPeerConnectionState(peer);
     if (state && state->peerConnStatus() != PeerConnStatus::ready) {

@@ -40,8 +40,8 @@ class EntityChecks {
   struct RemovedPeer {
     IpGenAddr peer;
     uint32_t version = 0;  ///< Of the own record.
-    std::map<IpGenAddr, std::vector<ConnectionKey>> others{};
-    std::map<IpGenAddr, Controller::PeerKeyInfo> records{};
+    std::map<IpGenAddr, std::vector<ConnectionKey>>
+        others{};  // Whose records stayed as they were since.
   };
 
   void handleLocalKeyDir(const Change& change);

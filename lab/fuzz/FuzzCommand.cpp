@@ -5,6 +5,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <numeric>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -40,17 +41,24 @@ class Fuzz {
       : options_(options), out_(out), err_(err) {}
 
   bool run() {
-    std::vector<uint64_t> seeds;
-    for (uint64_t i = 0; i < options_.seeds; ++i) {
-      seeds.push_back(options_.from + i);
-      if (seeds.back() % kPlayedTwice == 0) {
-        seeds.push_back(seeds.back());
+    std::vector<Play> plays;
+    for (uint64_t seed = options_.from; seed < options_.from + options_.seeds; ++seed) {
+      plays.push_back({.seed = seed});
+      if (seed % kPlayedTwice == 0) {
+        plays.push_back({.seed = seed, .again = true});
       }
     }
+    std::vector<uint64_t> items(plays.size());
+    std::iota(items.begin(), items.end(), 0);
     forEachInWorkers(
-        seeds, options_.jobs,
-        [this](uint64_t seed) { return outcomeText(playCase(drawCase(seed, options_.range))); },
-        [this](const WorkResult& result) { take(result); });
+        items, options_.jobs,
+        [&](uint64_t item) {
+          if (plays[item].again) {
+            shuffleHeap();
+          }
+          return outcomeText(playCase(drawCase(plays[item].seed, options_.range)));
+        },
+        [&](const WorkResult& result) { take(outcomeOf(plays[result.item].seed, result)); });
     if (options_.progress) {
       err_ << "\r\x1b[K" << std::flush;
     }
@@ -59,8 +67,12 @@ class Fuzz {
   }
 
  private:
-  void take(const WorkResult& result) {
-    const FuzzOutcome outcome = outcomeOf(result);
+  struct Play {
+    uint64_t seed = 0;
+    bool again = false;  ///< To see whether it is the same.
+  };
+
+  void take(const FuzzOutcome& outcome) {
     const auto [first, added] = outcomes_.emplace(outcome.seed, outcome);
     if (!added) {
       ++playedTwice_;
@@ -79,11 +91,11 @@ class Fuzz {
     }
   }
 
-  static FuzzOutcome outcomeOf(const WorkResult& result) {
+  static FuzzOutcome outcomeOf(uint64_t seed, const WorkResult& result) {
     if (result.failure.empty()) {
       return readOutcome(result.text);
     }
-    FuzzOutcome outcome{.seed = result.item};
+    FuzzOutcome outcome{.seed = seed};
     outcome.violations.push_back(
         {.invariant = kEndsWell, .at = {}, .where = "the lab", .what = result.failure});
     return outcome;
@@ -114,6 +126,7 @@ class Fuzz {
       }
       sum.splitRoles += outcome.splitRoles;
       sum.refusedPaths += outcome.refusedPaths;
+      sum.leftoverPaths += outcome.leftoverPaths;
       sum.routersNoKey += outcome.routersNoKey;
       for (size_t kind = 0; kind < kFaultKinds; ++kind) {
         sum.faults[kind] += outcome.faults[kind];
@@ -158,9 +171,9 @@ class Fuzz {
     line("rest", fmt::format("at most {:.0f} s after the last fault, of {:.0f} s that it may take",
                              sum.restAfter.seconds(), sum.restBound.seconds()));
     line("limits",
-         fmt::format("{} pairs of routers with split roles, {} paths with a refused SA, {} "
-                     "routers without a key; see docs/limits.md",
-                     sum.splitRoles, sum.refusedPaths, sum.routersNoKey));
+         fmt::format("{} pairs of routers with split roles, {} paths with a refused SA, {} with "
+                     "an in-SA left over, {} routers without a key; see docs/limits.md",
+                     sum.splitRoles, sum.refusedPaths, sum.leftoverPaths, sum.routersNoKey));
     line("digest", fmt::format("{:016x}; {} seeds played twice", digest, playedTwice_));
     out_ << (failed_ == 0 ? fmt::format("held: all {} seeds\n", outcomes_.size())
                           : fmt::format("failed: {} of {} seeds\n", failed_, outcomes_.size()));
@@ -218,7 +231,7 @@ class Fuzz {
       forEachInWorkers(
           std::vector{outcome.seed}, 1, [&](uint64_t) { return outcomeText(playCase(smaller)); },
           [&](const WorkResult& result) {
-            const FuzzOutcome smallerOutcome = outcomeOf(result);
+            const FuzzOutcome smallerOutcome = outcomeOf(outcome.seed, result);
             fails = !smallerOutcome.held() &&
                     smallerOutcome.violations.front().invariant == violation.invariant;
           });

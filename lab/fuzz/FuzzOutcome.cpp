@@ -26,6 +26,7 @@ std::string outcomeText(const FuzzOutcome& outcome) {
                                {"faults", outcome.faults},
                                {"splitRoles", outcome.splitRoles},
                                {"refusedPaths", outcome.refusedPaths},
+                               {"leftoverPaths", outcome.leftoverPaths},
                                {"routersNoKey", outcome.routersNoKey}};
   return json.dump();
 }
@@ -46,6 +47,7 @@ FuzzOutcome readOutcome(const std::string& text) {
                       .faults = json.at("faults"),
                       .splitRoles = json.at("splitRoles"),
                       .refusedPaths = json.at("refusedPaths"),
+                      .leftoverPaths = json.at("leftoverPaths"),
                       .routersNoKey = json.at("routersNoKey")};
   for (const nlohmann::json& violation : json.at("violations")) {
     outcome.violations.push_back({.invariant = violation.at(0),

@@ -17,6 +17,9 @@ namespace {
 
 constexpr Duration kSanityPass = seconds(60);
 constexpr Duration kLook = seconds(10);
+/// More than the latency and the jitter of any link that is drawn.
+constexpr Duration kLongestTransit = seconds(10);
+
 /// Installations that go on when the last fault ends are over by then.
 constexpr Duration kRefusalSeen = kSanityPass + kLook;
 
@@ -37,8 +40,10 @@ class FuzzRun {
     if (!comesToRest(drawn_.faultsEnd)) {
       cureSplitRoles();
       cureRefusedSas();
+      cureLeftoverSas();
       cureRoutersWithoutKey();
-      const uint32_t cured = outcome_.splitRoles + outcome_.refusedPaths + outcome_.routersNoKey;
+      const uint32_t cured = outcome_.splitRoles + outcome_.refusedPaths + outcome_.leftoverPaths +
+                             outcome_.routersNoKey;
       if (cured == 0 || !comesToRest(lab_.now())) {
         add("comes-to-rest", disturbed_, unrest_);
       }
@@ -67,6 +72,9 @@ class FuzzRun {
         noteRefusedSas();  // A rebuild may end the wait, but late.
       }
       std::erase_if(paths, [&](const PathPlan* path) { return isAtRest(*path); });
+      for (const PathPlan* path : paths) {
+        noteLeftoverSa(*path);
+      }
       std::erase_if(routers, [&](const Router* router) {
         std::string why = whyNotAtRest(*router);
         return why.empty() || (unrest_ = why, disturbed_ = {.routers = {router->name()}}, false);
@@ -128,6 +136,30 @@ class FuzzRun {
     });
   }
 
+  void cureLeftoverSas() {
+    for (const PathPlan& path : lab_.scenario().paths) {
+      if (leftover_.contains(path.name) && !whyNotAtRest(lab_, path).empty()) {
+        ++outcome_.leftoverPaths;
+        lab_.apply(ClearPath{.path = path.name});
+      }
+    }
+  }
+
+  /// Whether an end that is in no rekey keeps an in-SA of one: only the next takes it away.
+  void noteLeftoverSa(const PathPlan& path) {
+    for (const PathEndPlan& end : path.ends) {
+      const Router& router = lab_.router(end.router);
+      if (!router.up()) {
+        continue;
+      }
+      const PathView here = router.pathView(path.name);
+      if (here.state() == DynamicPathState::active && here.saSmState() == SmState::idle &&
+          !here.sas(SaType::saRekeyIn).empty()) {
+        leftover_.insert(path.name);
+      }
+    }
+  }
+
   void cureSplitRoles() {
     std::set<std::pair<std::string, std::string>> pairs;
     for (const PathPlan& path : lab_.scenario().paths) {
@@ -156,7 +188,7 @@ class FuzzRun {
 
   void losesNothing() {
     // What was under way when the last fault ended must not count.
-    lab_.runUntil(std::max(lab_.now() + kLook, drawn_.faultsEnd + kLongestReordering));
+    lab_.runUntil(std::max(lab_.now(), drawn_.faultsEnd + kLongestReordering) + kLongestTransit);
     const std::vector<StreamCounts> before = lab_.traffic().streams();
     lab_.runUntil(std::max(lab_.now(), drawn_.mesh.duration));
     const std::vector<StreamCounts> after = lab_.traffic().streams();
@@ -217,7 +249,8 @@ class FuzzRun {
   FuzzOutcome outcome_;
   std::string unrest_;
   Place disturbed_;
-  std::set<std::string> refused_;  // Paths.
+  std::set<std::string> refused_;   // Paths.
+  std::set<std::string> leftover_;  // Paths.
 };
 
 }  // namespace

@@ -36,6 +36,8 @@ struct FuzzOutcome {
 
   uint32_t splitRoles = 0;    ///< Pairs of routers in the same role: one of them started over.
   uint32_t refusedPaths = 0;  ///< Paths that wait for an SA that was refused: both ends cleared.
+  uint32_t leftoverPaths =
+      0;                      ///< Paths that keep the in-SA of a rekey given up: both ends cleared.
   uint32_t routersNoKey = 0;  ///< Routers whose generator had failed: they started over.
 
   bool held() const { return violations.empty(); }

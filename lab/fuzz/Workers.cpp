@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <cstddef>
 #include <exception>
+#include <memory>
+#include <random>
 #include <system_error>
 #include <vector>
 
@@ -116,6 +118,19 @@ void forEachInWorkers(std::span<const uint64_t> items, unsigned jobs,
       }
     }
   }
+}
+
+void shuffleHeap() {
+  constexpr size_t kBlocks = 100'000;
+  constexpr size_t kLargestBlock = 600;
+  std::minstd_rand random;
+  // Those that stay are never freed.
+  static std::vector<std::unique_ptr<std::byte[]>> blocks;
+  for (size_t i = 0; i < kBlocks; ++i) {
+    blocks.push_back(std::make_unique<std::byte[]>(1 + random() % kLargestBlock));
+  }
+  std::shuffle(blocks.begin(), blocks.end(), random);
+  blocks.resize(kBlocks / 2);
 }
 
 }  // namespace tessel::lab

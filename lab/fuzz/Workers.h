@@ -25,4 +25,8 @@ void forEachInWorkers(std::span<const uint64_t> items, unsigned jobs,
                       const std::function<std::string(uint64_t)>& work,
                       const std::function<void(const WorkResult&)>& done);
 
+/// Has later allocations come from other addresses and in another order than they would have, for
+/// the rest of the process: what wrongly depends on addresses then comes out differently.
+void shuffleHeap();
+
 }  // namespace tessel::lab

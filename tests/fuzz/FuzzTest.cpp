@@ -1,8 +1,12 @@
 // Drawn runs: what a seed stands for, that what goes wrong in one is found, and that it can be made
 // small and written down.
 #include <algorithm>
+#include <array>
+#include <cstddef>
 #include <cstdlib>
+#include <functional>
 #include <map>
+#include <memory>
 #include <set>
 #include <stdexcept>
 
@@ -120,6 +124,32 @@ TEST(Shrink, EndsACaseSoonAfterItsFailure) {
   FuzzCase late = smallCase();
   EXPECT_FALSE(cutShort(late, late.faultsEnd));
   EXPECT_EQ(scenarioText(late.scenario()), scenarioText(whole.scenario()));
+}
+
+/// Which of blocks allocated one after another lie behind the one before.
+std::string addressOrder() {
+  std::array<std::unique_ptr<std::byte[]>, 64> blocks;
+  std::string order;
+  for (size_t i = 0; i < blocks.size(); ++i) {
+    blocks[i] = std::make_unique<std::byte[]>(100);
+    order += i > 0 && std::less<>()(blocks[i - 1].get(), blocks[i].get()) ? '>' : '<';
+  }
+  return order;
+}
+
+TEST(Workers, AShuffledHeapOrdersAllocationsInAnotherWay) {
+  std::map<uint64_t, std::string> orders;
+  forEachInWorkers(
+      std::vector<uint64_t>{0, 1, 2}, 1,
+      [](uint64_t item) {
+        if (item == 2) {
+          shuffleHeap();
+        }
+        return addressOrder();
+      },
+      [&](const WorkResult& result) { orders[result.item] = result.text; });
+  EXPECT_EQ(orders[0], orders[1]) << "copies of one process";
+  EXPECT_NE(orders[0], orders[2]);
 }
 
 TEST(Workers, TellWorkThatReturnsFromWorkThatDoesNot) {
