@@ -109,9 +109,12 @@ void Invariants::handlePublished(const std::string& router, const Controller::Pe
 }
 
 void Invariants::handleEvent(const Router& router, const LocalEvent& event) {
-  if (std::string_view(event.eventName.text()) == "dhRekeyInitiated") {
+  const std::string_view name = event.eventName.text();
+  if (name == "dhRekeyInitiated") {
     checks_->packets.windows().handleRekeyInitiated(router);
     checks_->tables.handleRekeyInitiated(router);
+  } else if (name == "dhRekeyInSaInstalled") {
+    checks_->packets.windows().handleRekeyInSaInstalled(router);
   }
 }
 

@@ -77,12 +77,30 @@ void SendWindows::handleMarkedForRebuild(EndId id) {
 
 void SendWindows::handleRekeyInitiated(const Router& router) {
   rekeyInitiated_[router.index()] = lab_.now();
+  for (const EndId id : mesh_.endsOf(router)) {
+    windows_[id.path].wasUnusable[id.end] = !isUsable(mesh_.end(id).path->end.condition);
+  }
+}
+
+void SendWindows::handleRekeyInSaInstalled(const Router& router) {
+  for (const EndId id : mesh_.endsOf(router)) {
+    windows_[id.path].waitedFor[id.end] = couldTakePart(id) ? mesh_.pathState(id) : nullptr;
+  }
 }
 
 void SendWindows::handlePublished(const Router& router, uint64_t generation) {
   for (const EndId id : mesh_.endsOf(router)) {
-    if (!mesh_.end(id).sas.empty() && !hasInSa(id, generation) && !couldTakePart(id)) {
-      std::optional<LeftBehind>& left = windows_[id.path].leftBehind[id.end];
+    if (mesh_.end(id).sas.empty()) {
+      continue;
+    }
+    Window& window = windows_[id.path];
+    const Ptr<Ike::PathConnState> waitedFor = std::move(window.waitedFor[id.end]);
+    // A peer in a DH rekey of its own may switch to the new key from its older one.
+    const bool isMissed = hasInSa(id, generation)
+                              ? window.wasUnusable[id.end] && isInDhRekey(id.other())
+                              : !waitedFor || waitedFor != mesh_.pathState(id);
+    if (isMissed) {
+      std::optional<LeftBehind>& left = window.leftBehind[id.end];
       left = {.first = left ? left->first : generation, .newest = generation, .since = lab_.now()};
     }
   }
@@ -155,7 +173,8 @@ void SendWindows::closeIfMatching(size_t path) {
   Window& window = windows_[path];
   for (const size_t end : {0U, 1U}) {
     std::optional<LeftBehind>& left = window.leftBehind[end];
-    if (left && hasInSa({path, end}, left->newest) && mesh_.matches({path, 1 - end})) {
+    if (left && hasInSa({path, end}, left->newest) && mesh_.matches({path, 1 - end}) &&
+        !isInDhRekey({path, 1 - end})) {
       left.reset();
     }
   }
@@ -199,6 +218,11 @@ bool SendWindows::isInSaRekey(EndId id) const {
   const Ptr<Ike::PathConnState> path = mesh_.pathState(id);
   return path &&
          (path->saSmState() == SmState::initiator || path->saSmState() == SmState::responder);
+}
+
+bool SendWindows::isInDhRekey(EndId id) const {
+  const Ptr<Ike::PathConnState> path = mesh_.pathState(id);
+  return path && !isSteady(path->pathState()) && !isInSaRekey(id);
 }
 
 Duration SendWindows::bound(size_t path) const {

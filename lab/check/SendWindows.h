@@ -46,6 +46,7 @@ class SendWindows {
   void handleDhRekeyMarked(EndId id);
   /// The machine of a router began a DH rekey.
   void handleRekeyInitiated(const Router& router);
+  void handleRekeyInSaInstalled(const Router& router);
   /// A router published its key number `generation`.
   void handlePublished(const Router& router, uint64_t generation);
   /// To be called now and then: a window's time does not run while the path has what it needs to
@@ -74,6 +75,11 @@ class SendWindows {
     /// What the agent stored of the path when the end lost its SAs and the window opened.
     std::array<Ptr<Ike::PathConnState>, 2> emptied{};
     std::array<std::optional<LeftBehind>, 2> leftBehind;
+    /// The path was not usable when the last DH rekey of the end's router began: what that makes
+    /// once it is, is for the peer's newest key alone.
+    std::array<bool, 2> wasUnusable{};
+    /// The path when the last DH rekey of the end's router had all the in-SAs that it waited for.
+    std::array<Ptr<Ike::PathConnState>, 2> waitedFor{};
   };
 
   void openIfBlind(EndId id);
@@ -89,6 +95,7 @@ class SendWindows {
   bool isImpeded(size_t path) const;
   bool isImpeded(EndId id) const;
   bool couldTakePart(EndId id) const;
+  bool isInDhRekey(EndId id) const;
   bool hasInSa(EndId id, uint64_t generation) const;
   bool isBeingInstalled(EndId id, uint32_t spi) const;
   std::optional<DhKeyPair> pairOf(EndId id, const SecurityAssociationKey& key) const;
