@@ -131,7 +131,7 @@ void firstExchange(benchmark::State& state) {
           agent.publishPeers();
           agent.scheduler().runFor(seconds(0));
         });
-        check(agent.host().tesselV1->sa().size() == 2 * kBatch);
+        check(agent.host().tesselV1->sa().size() == size_t{2} * kBatch);
         agent.withdrawPeers();
         agent.scheduler().runFor(seconds(0));
         agent.serveDataPath();
@@ -153,9 +153,9 @@ void dhRekey(benchmark::State& state) {
           agent->publishPeers();
           agent->scheduler().runFor(seconds(0));
         });
-        check(agent->host().tesselV1->sa().size() == 3 * kBatch);
+        check(agent->host().tesselV1->sa().size() == size_t{3} * kBatch);
         agent->live(seconds(190));
-        check(agent->host().tesselV1->sa().size() == 2 * kBatch);
+        check(agent->host().tesselV1->sa().size() == size_t{2} * kBatch);
       },
       times(kBatch, floor));
 }
@@ -288,7 +288,7 @@ void saCreationAndDeletion(benchmark::State& state) {
                                            SaType::steadyPair);
           }
         });
-        check(agent->host().tesselV1->sa().size() == 2 * kBatch);
+        check(agent->host().tesselV1->sa().size() == size_t{2} * kBatch);
         agent->serveDataPath();
       },
       times(kBatch, floor));

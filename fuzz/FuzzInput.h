@@ -46,7 +46,7 @@ class FuzzInput {
   /// As many bytes as a first one says, or as there are.
   Bytes bytes() {
     const size_t size = std::min<size_t>(byte(), left_.size());
-    const Bytes taken(left_.begin(), left_.begin() + static_cast<std::ptrdiff_t>(size));
+    Bytes taken(left_.begin(), left_.begin() + static_cast<std::ptrdiff_t>(size));
     left_ = left_.subspan(size);
     return taken;
   }

@@ -53,12 +53,7 @@ class Target {
     addPath(kStranger, 1);
     addPath(kStranger, 2);
     addPath(kBystander, 3);
-    machine_ = Ipsec::tesselV1SmFactory(
-        scheduler_, host_.ipsecConfig, host_.ipsecStatus, host_.ipsecDpsPathConfig,
-        host_.ipsecPathStatusDir, host_.ipsecLocalKeyDir, host_.ipsecPeerKeyDir,
-        host_.controllerStatus, host_.profileNotificationList, host_.ipsecCounterTable,
-        host_.encapIdHelper, host_.mergeData, host_.vrfIdStatus, host_.vrfNameStatus,
-        host_.recordEvents, host_.tesselV1);
+    machine_ = Ipsec::tesselV1SmFactory(scheduler_, host_);
     publish(kBystander, soundRecord(soundKeys().back(), 0x80));
     run(1);
     FUZZ_CHECK(isUp(kBystander, 1), "the bystander comes up");

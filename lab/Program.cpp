@@ -8,6 +8,7 @@
 #include <CLI/CLI.hpp>
 #include <unistd.h>
 
+#include "host/facility/Version.h"
 #include "lab/cli/CheckCommand.h"
 #include "lab/cli/ExplainCommand.h"
 #include "lab/cli/FuzzOptions.h"
@@ -92,6 +93,7 @@ int runProgram(std::vector<std::string> args, std::ostream& out, std::ostream& e
   CLI::App app("Plays scenarios of routers that agree on IPsec keys through their controllers.",
                "tessel-lab");
   app.require_subcommand(1);
+  app.set_version_flag("--version", std::string("tessel-lab ") + version());
   app.footer(kExamples);
   RunOptions runOptions;
   std::string fileToCheck;

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "host/entity/Entity.h"
+#include "host/facility/Export.h"
 #include "host/model/Agent.h"
 #include "host/model/IkeStatus.h"
 #include "host/model/Path.h"
@@ -14,13 +15,13 @@ namespace tessel::Ipsec {
 class TesselV1Sm;
 
 /// A member that must be present is null.
-class NullArgument : public std::invalid_argument {
+class TESSEL_API NullArgument : public std::invalid_argument {
  public:
   using std::invalid_argument::invalid_argument;
 };
 
 /// Follows the clear requests of one path.
-class NestedSm_ClearCliPath final : public RefCounted {
+class TESSEL_API NestedSm_ClearCliPath final : public RefCounted {
  public:
   NestedSm_ClearCliPath(TesselV1Sm& sm, Ptr<Ike::ClearPathCounter> counter);
   const Ptr<Ike::ClearPathCounter>& notifier() const { return counter_; }
@@ -36,7 +37,7 @@ class NestedSm_ClearCliPath final : public RefCounted {
 };
 
 /// Follows the change notification of one profile.
-class NestedSm_ProfileNotification final : public RefCounted {
+class TESSEL_API NestedSm_ProfileNotification final : public RefCounted {
  public:
   NestedSm_ProfileNotification(TesselV1Sm& sm, Ptr<ProfileNotification> notification);
   const Ptr<ProfileNotification>& notifier() const { return notification_; }
@@ -51,7 +52,7 @@ class NestedSm_ProfileNotification final : public RefCounted {
 };
 
 /// Follows the connections of one entry of merged path data. Attaching alone calls nothing.
-class NestedSm_PathConnectionInfo final : public RefCounted {
+class TESSEL_API NestedSm_PathConnectionInfo final : public RefCounted {
  public:
   NestedSm_PathConnectionInfo(TesselV1Sm& sm, Ptr<MergeConnectionInfo> info);
   const Ptr<MergeConnectionInfo>& notifier() const { return info_; }

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "host/facility/Export.h"
 #include "host/model/Counters.h"
 #include "host/model/IkeSa.h"
 #include "host/model/Keys.h"
@@ -14,11 +15,11 @@ class TesselV1Sm;
 
 /// Soft packet or byte limit for a hard one: a quarter less, and up to 2.5 % of it less still, at
 /// random (one draw of the C library's `random()`).
-uint64_t getSoftRekey(uint64_t hardLimit);
+TESSEL_API uint64_t getSoftRekey(uint64_t hardLimit);
 
 /// Soft lifetime in seconds for a hard one: between h - 2j and h - j with j a fifth of it, at most
 /// 900 s, at random (one draw of the C library's `random()`).
-uint64_t getTimedSoftRekey(uint64_t hardSeconds);
+TESSEL_API uint64_t getTimedSoftRekey(uint64_t hardSeconds);
 
 class SaRekey {
  public:

@@ -47,6 +47,15 @@ Ptr<TesselV1Sm> tesselV1SmFactory(
       std::move(tesselV1));
 }
 
+Ptr<TesselV1Sm> tesselV1SmFactory(Ptr<TaskScheduler> scheduler, const AgentEntities& entities) {
+  return tesselV1SmFactory(
+      std::move(scheduler), entities.ipsecConfig, entities.ipsecStatus, entities.ipsecDpsPathConfig,
+      entities.ipsecPathStatusDir, entities.ipsecLocalKeyDir, entities.ipsecPeerKeyDir,
+      entities.controllerStatus, entities.profileNotificationList, entities.ipsecCounterTable,
+      entities.encapIdHelper, entities.mergeData, entities.vrfIdStatus, entities.vrfNameStatus,
+      entities.recordEvents, entities.tesselV1);
+}
+
 Ptr<TesselV1Sm> TesselV1Sm::TesselV1SmIs(
     Ptr<TaskScheduler> scheduler, Ptr<const Ike::Config> ipsecConfig, Ptr<Ike::Status> ipsecStatus,
     Ptr<const Path::PathConnConfig> ipsecDpsPathConfig, Ptr<Path::PathStatusDir> ipsecPathStatusDir,
@@ -320,7 +329,7 @@ Ptr<Reactor> reactorIs(TesselV1Sm& sm, KeyedCollection<Key, Ptr<Reactor>>& react
     }
     reactors.take(key);
   }
-  const Ptr<Reactor> made = makePtr<Reactor>(sm, member);
+  Ptr<Reactor> made = makePtr<Reactor>(sm, member);
   reactors.emplace(key, made);
   return made;
 }

@@ -9,7 +9,9 @@
 #include <cstdint>
 #include <memory>
 
+#include "host/agent/AgentEntities.h"
 #include "host/entity/Entity.h"
+#include "host/facility/Export.h"
 #include "host/model/Agent.h"
 #include "host/model/Controller.h"
 #include "host/model/Counters.h"
@@ -44,7 +46,7 @@ class SecurityAssociations;
 /// `scheduler`, `ipsecConfig`, `ipsecStatus`, `ipsecDpsPathConfig`, `ipsecPathStatusDir`,
 /// `ipsecLocalKeyDir`, `ipsecPeerKeyDir`, `recordEvents` and `tesselV1` must be present: the
 /// factory throws NullArgument otherwise.
-class TesselV1Sm final : public RefCounted {
+class TESSEL_API TesselV1Sm final : public RefCounted {
  public:
   /// Builds the machine and switches its notifications on; it is initialized on return.
   static Ptr<TesselV1Sm> TesselV1SmIs(
@@ -362,8 +364,8 @@ class TesselV1Sm final : public RefCounted {
   Subscription mergeDataSubscription_;
 };
 
-/// The only way in which an agent creates the machine.
-Ptr<TesselV1Sm> tesselV1SmFactory(
+/// How an agent creates the machine.
+TESSEL_API Ptr<TesselV1Sm> tesselV1SmFactory(
     Ptr<TaskScheduler> scheduler, Ptr<const Ike::Config> ipsecConfig, Ptr<Ike::Status> ipsecStatus,
     Ptr<const Path::PathConnConfig> ipsecDpsPathConfig, Ptr<Path::PathStatusDir> ipsecPathStatusDir,
     Ptr<Controller::LocalKeyDir> ipsecLocalKeyDir,
@@ -374,5 +376,9 @@ Ptr<TesselV1Sm> tesselV1SmFactory(
     Ptr<MergeData> mergeData, Ptr<const Vrf::VrfIdMap::Status> vrfIdStatus,
     Ptr<const Vrf::VrfIdMap::NameToIdMap> vrfNameStatus, Ptr<RecordEvents> recordEvents,
     Ptr<IpsecCommon::TesselV1> tesselV1);
+
+/// The same from a whole set of inputs.
+TESSEL_API Ptr<TesselV1Sm> tesselV1SmFactory(Ptr<TaskScheduler> scheduler,
+                                             const AgentEntities& entities);
 
 }  // namespace tessel::Ipsec

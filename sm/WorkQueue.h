@@ -10,13 +10,14 @@
 #include <vector>
 
 #include "host/entity/KeyedCollection.h"
+#include "host/facility/Export.h"
 #include "host/runtime/TaskScheduler.h"
 
 namespace tessel::Ipsec {
 
 /// A set of keys in the order in which they were added, with the point where the next run goes on.
 template <class Key>
-class WorkQueue {
+class TESSEL_API WorkQueue {
  public:
   /// Adds `key` unless it waits already. A key added during a run is left for a later one, also
   /// when the run has yet to reach it.

@@ -51,17 +51,12 @@ FabricatedAgent::FabricatedAgent(const AgentSettings& settings)
     record.hashAlgo = static_cast<uint8_t>(IpsecHmacAlgorithm::sha256);
     renew(record);
   }
-  handedOver_.reserve(2 * paths());
-  takenAway_.reserve(2 * paths());
+  handedOver_.reserve(size_t{2} * paths());
+  takenAway_.reserve(size_t{2} * paths());
   asked_.reserve(paths());
   table_.attach<&FabricatedAgent::handleTable>(*host_.tesselV1, *this);
   host_.recordEvents->observerIs(this);
-  machine_ = Ipsec::tesselV1SmFactory(
-      scheduler_, host_.ipsecConfig, host_.ipsecStatus, host_.ipsecDpsPathConfig,
-      host_.ipsecPathStatusDir, host_.ipsecLocalKeyDir, host_.ipsecPeerKeyDir,
-      host_.controllerStatus, host_.profileNotificationList, host_.ipsecCounterTable,
-      host_.encapIdHelper, host_.mergeData, host_.vrfIdStatus, host_.vrfNameStatus,
-      host_.recordEvents, host_.tesselV1);
+  machine_ = Ipsec::tesselV1SmFactory(scheduler_, host_);
   check(host_.ipsecLocalKeyDir->valid());
 }
 

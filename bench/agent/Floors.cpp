@@ -111,7 +111,8 @@ void PrfFloor::compute() {
   context = context_.get();
   EVP_MAC_update(context, secret_.data(), secret_.size());
   check(EVP_MAC_final(context, seedKey_.data(), &length, seedKey_.size()) == 1);
-  for (uint8_t number = 1; number <= (kStreamLen + 63) / 64; ++number) {
+  constexpr auto blocks = static_cast<uint8_t>((kStreamLen + 63) / 64);
+  for (uint8_t number = 1; number <= blocks; ++number) {
     start(seedKey_, number > 1);
     context = context_.get();
     if (number > 1) {

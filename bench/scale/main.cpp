@@ -141,6 +141,8 @@ IpsecDhGroup groupOf(const std::string& name) {
 
 }  // namespace tessel::bench
 
+// What goes wrong ends the program, and its text is shown.
+// NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char** argv) {
   using namespace tessel::bench;
   CLI::App app("Thousands of peers and paths on one router, with a data path that moves nothing");

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "host/crypto/Libcrypto.h"
+#include "host/facility/Export.h"
 #include "host/model/Bytes.h"
 
 namespace tessel {
@@ -16,11 +17,11 @@ namespace tessel {
 /// algorithms over the same hash.
 enum class HashAlgorithm : uint8_t { md5 = 0, sha1 = 1, sha256 = 2, sha384 = 3, sha512 = 4 };
 /// "sha512(4)".
-std::string stringValue(HashAlgorithm algorithm);
+TESSEL_API std::string stringValue(HashAlgorithm algorithm);
 
 /// HMAC (RFC 2104) as a pseudo-random function prf(key, data). One context is kept and keyed again;
 /// the key lies in it alone and is wiped with it. Not safe for use from several threads at once.
-class HmacPRFunc {
+class TESSEL_API HmacPRFunc {
  public:
   /// Chooses the hash and forgets the key. False for a number outside the enumeration and for a
   /// hash that libcrypto does not offer; every other operation fails then.

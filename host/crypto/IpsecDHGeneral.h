@@ -1,6 +1,7 @@
 // IpsecDHGeneral: one side of a Diffie-Hellman exchange in the encodings of IKEv2.
 #pragma once
 
+#include "host/facility/Export.h"
 #include "host/model/Bytes.h"
 #include "host/model/Enumerations.h"
 
@@ -21,7 +22,7 @@ class DhGroup;
 /// An object can be kept as long as its key pair and used for any number of peers; that saves the
 /// computation of the own public key, while the group's parameters are kept by the process anyway.
 /// Private key and secrets are wiped when they are released. Not safe for several threads at once.
-class IpsecDHGeneral {
+class TESSEL_API IpsecDHGeneral {
  public:
   explicit IpsecDHGeneral(DhGroupNum group) : groupNum_(group) {}
 

@@ -62,8 +62,8 @@ BigNum numberOfHex(const char* hex) {
 class ModpGroup final : public DhGroup {
  public:
   /// A group whose prime is p = 2q + 1; the generator 2 has order q.
-  explicit ModpGroup(const ModpRow& row) : safePrime_(true), prime_(row.prime(nullptr)) {
-    generator_ = numberOfHex("2");
+  explicit ModpGroup(const ModpRow& row)
+      : safePrime_(true), prime_(row.prime(nullptr)), generator_(numberOfHex("2")) {
     BigNum order(BN_new());
     if (prime_ && order && BN_rshift1(order.get(), prime_.get()) == 1) {
       finish(std::move(order), row.privateKeyBits);

@@ -3,11 +3,12 @@
 
 #include <cstddef>
 
+#include "host/facility/Export.h"
 #include "host/model/Bytes.h"
 
 namespace tessel {
 
-class NonceGenerator {
+class TESSEL_API NonceGenerator {
  public:
   /// Length in bytes of the nonces that `generateNonce` makes.
   static constexpr size_t nonceLen = 32;

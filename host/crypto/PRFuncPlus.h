@@ -4,6 +4,7 @@
 #include <cstddef>
 
 #include "host/crypto/HmacPRFunc.h"
+#include "host/facility/Export.h"
 #include "host/model/Bytes.h"
 
 namespace tessel {
@@ -16,7 +17,7 @@ namespace tessel {
 ///
 /// The last block is number 255: a stream has 255 times the prf's output length, which is 16,320
 /// bytes for SHA-512. Blocks are computed when they are read.
-class PRFuncPlus {
+class TESSEL_API PRFuncPlus {
  public:
   /// Blocks of a stream; the block number is one byte.
   static constexpr size_t maxBlocks = 255;

@@ -6,13 +6,14 @@
 
 #include "host/crypto/Libcrypto.h"
 #include "host/entity/Ptr.h"
+#include "host/facility/Export.h"
 #include "host/model/Bytes.h"
 
 namespace tessel {
 
 /// A source of random bytes. Every DH private key and every nonce is drawn from the process's
 /// current source.
-class RandomSource : public RefCounted {
+class TESSEL_API RandomSource : public RefCounted {
  public:
   /// Fills all of `out`; false when the source cannot, and then `out` must not be used.
   [[nodiscard]] virtual bool fill(std::span<uint8_t> out) = 0;
@@ -25,7 +26,7 @@ class RandomSource : public RefCounted {
 };
 
 /// libcrypto's generator, seeded by the operating system. Safe to draw from in several threads.
-class SystemRandomSource final : public RandomSource {
+class TESSEL_API SystemRandomSource final : public RandomSource {
  public:
   [[nodiscard]] bool fill(std::span<uint8_t> out) override;
 };
@@ -33,7 +34,7 @@ class SystemRandomSource final : public RandomSource {
 /// A reproducible source for the lab and for tests: two sources with the same seed give the same
 /// bytes, however the draws are cut. The bytes are the ChaCha20 key stream (RFC 8439, block counter
 /// from 0) under a key of the seed in little-endian order followed by zeros. Not for real keys.
-class SeededRandomSource final : public RandomSource {
+class TESSEL_API SeededRandomSource final : public RandomSource {
  public:
   explicit SeededRandomSource(uint64_t seed);
 

@@ -1,6 +1,8 @@
 // WipingMemory: has libcrypto leave no secret in memory that it gives back.
 #pragma once
 
+#include "host/facility/Export.h"
+
 namespace tessel {
 
 /// libcrypto wipes most of what it knows to be secret, but not all: its multiplications for the
@@ -8,6 +10,6 @@ namespace tessel {
 /// is. After this call all memory of libcrypto is wiped when it is given back, for the whole
 /// process. To be called before anything uses libcrypto, at best first in `main`: false when that
 /// is too late, and nothing changes.
-[[nodiscard]] bool wipeLibcryptoMemory();
+[[nodiscard]] TESSEL_API bool wipeLibcryptoMemory();
 
 }  // namespace tessel

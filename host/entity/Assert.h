@@ -3,11 +3,13 @@
 // input can cause is never asserted; it is refused, with a trace that says why.
 #pragma once
 
+#include "host/facility/Export.h"
+
 namespace tessel {
 
 /// Writes what was broken and where to the standard error output, and aborts.
-[[noreturn, gnu::cold]] void assertionFailed(const char* broken, const char* condition,
-                                             const char* file, int line) noexcept;
+[[noreturn, gnu::cold]] TESSEL_API void assertionFailed(const char* broken, const char* condition,
+                                                        const char* file, int line) noexcept;
 
 }  // namespace tessel
 

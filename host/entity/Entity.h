@@ -21,22 +21,23 @@
 
 #include "host/entity/KeyedCollection.h"
 #include "host/entity/Ptr.h"
+#include "host/facility/Export.h"
 
 namespace tessel {
 
 class Entity;
 
 /// Names an attribute. Its identity is its address: every attribute has one name object.
-struct AttributeName {
+struct TESSEL_API AttributeName {
   const char* text;
 };
 
 /// Names a collection whose members have keys of type `Key`.
 template <class Key>
-struct CollectionName : AttributeName {};
+struct TESSEL_API CollectionName : AttributeName {};
 
 /// What happened to an entity.
-class Change {
+class TESSEL_API Change {
  public:
   enum class Kind : uint8_t { written, added, removed };
 
@@ -64,7 +65,7 @@ class Change {
 
 /// An observer's tie to one entity: it lasts from `attach` until `end`, until this object dies or
 /// until the entity dies.
-class Subscription {
+class TESSEL_API Subscription {
  public:
   Subscription() = default;
   Subscription(const Subscription&) = delete;
@@ -95,7 +96,7 @@ class Subscription {
   Invoke invoke_ = nullptr;
 };
 
-class Entity : public RefCounted {
+class TESSEL_API Entity : public RefCounted {
  public:
   /// Tells the observers. For the entity's own attributes.
   void notify(const Change& change) const {
@@ -118,7 +119,7 @@ class Entity : public RefCounted {
 
 /// One value of an entity. An equal write is silent.
 template <class T>
-class Attribute {
+class TESSEL_API Attribute {
  public:
   const T& value() const { return value_; }
   void valueIs(const Entity& owner, const AttributeName& name, T value) {
@@ -136,7 +137,7 @@ class Attribute {
 /// Member entities by key. A new member is made as `T(owner, key, args...)` where it can be, else
 /// as `T(key, args...)`.
 template <class Key, class T>
-class MemberCollection {
+class TESSEL_API MemberCollection {
  public:
   const KeyedCollection<Key, Ptr<T>>& members() const { return members_; }
 
@@ -161,7 +162,8 @@ class MemberCollection {
     return made;
   }
   void memberDel(const Entity& owner, const CollectionName<Key>& name, const Key& key) {
-    const Key removed = key;  // The caller's key may live in the member.
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): it may live in the member.
+    const Key removed = key;
     if (const std::optional<Ptr<T>> member = members_.take(removed)) {
       owner.notify(Change(name, Change::Kind::removed, removed));
     }
@@ -178,7 +180,7 @@ class MemberCollection {
 
 /// Values by key. Reading a key that is not there gives a default value.
 template <class Key, class T>
-class ValueCollection {
+class TESSEL_API ValueCollection {
  public:
   const KeyedCollection<Key, T>& values() const { return values_; }
 
@@ -196,6 +198,7 @@ class ValueCollection {
     owner.notify(Change(name, made ? Change::Kind::added : Change::Kind::written, key));
   }
   void valueDel(const Entity& owner, const CollectionName<Key>& name, const Key& key) {
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): as above.
     const Key removed = key;
     if (values_.take(removed)) {
       owner.notify(Change(name, Change::Kind::removed, removed));

@@ -8,10 +8,12 @@
 #include <string_view>
 #include <type_traits>
 
+#include "host/facility/Export.h"
+
 namespace tessel {
 
 /// Folds words into a 32-bit hash. Not for adversarial input: it is fast and spreads well.
-class Hasher {
+class TESSEL_API Hasher {
  public:
   explicit constexpr Hasher(uint32_t seed) : state_(seed ^ 0x9E3779B97F4A7C15U) {}
 

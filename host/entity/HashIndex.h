@@ -9,9 +9,11 @@
 #include <memory>
 #include <vector>
 
+#include "host/facility/Export.h"
+
 namespace tessel {
 
-class HashIndex {
+class TESSEL_API HashIndex {
  public:
   static constexpr uint32_t kNone = UINT32_MAX;
 

@@ -30,11 +30,12 @@
 #include "host/entity/Hash.h"
 #include "host/entity/HashIndex.h"
 #include "host/entity/MemberSlots.h"
+#include "host/facility/Export.h"
 
 namespace tessel {
 
 template <class Key, class Value>
-class KeyedCollection {
+class TESSEL_API KeyedCollection {
  public:
   struct Member {
     const Key key;
@@ -391,7 +392,7 @@ class KeyedCollection {
 
 /// A set of keys in insertion order, with the promises of `KeyedCollection`.
 template <class Key>
-class KeySet {
+class TESSEL_API KeySet {
  public:
   /// Adds `key`; false when it was there already.
   bool insert(const Key& key) { return keys_.emplace(key).second; }

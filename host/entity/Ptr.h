@@ -9,6 +9,8 @@
 #include <type_traits>
 #include <utility>
 
+#include "host/facility/Export.h"
+
 namespace tessel {
 
 template <class T>
@@ -16,7 +18,7 @@ class Ptr;
 
 /// Base of every object that lives behind a `Ptr`. The count lies in the object, so that a handle
 /// is one machine word. Counting is safe from several threads; the object's own state is not.
-class RefCounted {
+class TESSEL_API RefCounted {
  public:
   RefCounted(const RefCounted&) = delete;
   RefCounted& operator=(const RefCounted&) = delete;
@@ -41,7 +43,7 @@ class RefCounted {
 
 /// Shared, reference-counted handle; null when empty. The last handle to go deletes the object.
 template <class T>
-class Ptr {
+class TESSEL_API Ptr {
  public:
   constexpr Ptr() noexcept = default;
   constexpr Ptr(std::nullptr_t) noexcept {}

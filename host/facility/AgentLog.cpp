@@ -24,7 +24,7 @@ Registry& registry() {
 
 std::string filledIn(std::string_view text, std::initializer_list<TraceItem> args) {
   std::string result;
-  auto arg = args.begin();
+  const auto* arg = args.begin();
   for (size_t i = 0; i < text.size(); ++i) {
     const std::string_view pair = text.substr(i, 2);
     if (pair == "%%") {

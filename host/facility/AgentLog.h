@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "host/facility/Export.h"
 #include "host/facility/Trace.h"
 #include "host/model/Duration.h"
 
@@ -21,7 +22,7 @@ namespace tessel {
 
 /// How often a message may be logged. The defaults, which log every occurrence, are the only
 /// parameters accepted so far.
-struct AgentLogRate {
+struct TESSEL_API AgentLogRate {
   Duration interval;
   double factor = 1.0;
   uint32_t burstLimit = 0;
@@ -31,7 +32,7 @@ struct AgentLogRate {
 };
 
 /// What is registered about a message.
-struct AgentLogDefinition {
+struct TESSEL_API AgentLogDefinition {
   std::string identifier;
   std::string text;  ///< With "%s" for each argument, "%%" for a percent sign.
   std::string explanation{};
@@ -41,7 +42,7 @@ struct AgentLogDefinition {
 };
 
 /// One occurrence of a message. The views end with the call that gets it.
-struct AgentLogLine {
+struct TESSEL_API AgentLogLine {
   std::string_view identifier;
   int severity;
   std::string_view text;     ///< Arguments filled in.
@@ -51,14 +52,14 @@ struct AgentLogLine {
 };
 
 /// Takes log lines, on the thread that logs.
-class AgentLogSink {
+class TESSEL_API AgentLogSink {
  public:
   virtual ~AgentLogSink() = default;
   virtual void log(const AgentLogLine& line) = 0;
 };
 
 /// A registered message; an object of static storage, made once.
-class AgentLogMessage {
+class TESSEL_API AgentLogMessage {
  public:
   /// Registers the message. Throws std::invalid_argument for an identifier that is empty or
   /// registered already, a severity outside 0 to 7, and rate parameters that are not supported.
@@ -86,7 +87,7 @@ class AgentLogMessage {
 };
 
 /// The process's log.
-class AgentLog {
+class TESSEL_API AgentLog {
  public:
   /// All lines go to `sink`, which outlives its use here; null: nowhere.
   static void sinkIs(AgentLogSink* sink);

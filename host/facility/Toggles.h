@@ -6,13 +6,15 @@
 #include <string>
 #include <string_view>
 
+#include "host/facility/Export.h"
+
 namespace tessel {
 
 /// The state of toggle `name` of `file`, or `defaultState` when the table does not have it.
-bool getToggleState(std::string_view name, std::string_view file, bool defaultState);
+TESSEL_API bool getToggleState(std::string_view name, std::string_view file, bool defaultState);
 
 /// The process's table of toggles. Whoever embeds the agent fills it before the agent starts.
-class Toggles {
+class TESSEL_API Toggles {
  public:
   static void toggleIs(std::string_view file, std::string_view name, bool state);
   /// Empties the table and makes every `CachedToggle` read it again.
@@ -20,7 +22,7 @@ class Toggles {
 };
 
 /// A toggle that is read once, at first use, and then keeps its state until the table is reset.
-class CachedToggle {
+class TESSEL_API CachedToggle {
  public:
   /// The texts outlive the toggle.
   constexpr CachedToggle(std::string_view name, std::string_view file, bool defaultState)

@@ -19,6 +19,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "host/facility/Export.h"
 #include "host/model/Bytes.h"
 #include "host/model/Duration.h"
 #include "host/runtime/Clock.h"
@@ -31,7 +32,7 @@ inline constexpr int traceLevelDefault = 5;
 inline constexpr int traceLevelMax = 9;
 
 /// One line of trace. The views end with the call that gets it.
-struct TraceLine {
+struct TESSEL_API TraceLine {
   std::string_view context;  ///< Whose work it was: the scheduler's name; empty outside of one.
   int level;
   Duration time;  ///< Monotonic time of the context's clock; 0 outside of one.
@@ -39,14 +40,14 @@ struct TraceLine {
 };
 
 /// Takes trace lines, on the thread that traces.
-class TraceSink {
+class TESSEL_API TraceSink {
  public:
   virtual ~TraceSink() = default;
   virtual void trace(const TraceLine& line) = 0;
 };
 
 /// The process's trace switch.
-class Trace {
+class TESSEL_API Trace {
  public:
   /// Lines of levels up to `maxLevel` go to `sink`, which outlives its use here; null: all off.
   static void sinkIs(TraceSink* sink, int maxLevel = traceLevelMax);
@@ -60,7 +61,7 @@ class Trace {
 /// Names the agent whose work runs on this thread, and its clock, for as long as it lives. Nests.
 /// Schedulers open one around every run of a task or timer; whoever calls into an agent from
 /// elsewhere opens one too.
-class TraceContext {
+class TESSEL_API TraceContext {
  public:
   /// Both arguments outlive the context.
   TraceContext(std::string_view name, const Clock& clock);
@@ -107,11 +108,13 @@ concept Traceable = std::same_as<T, const char*> || std::same_as<T, char*> ||
 /// One item of a line, on its way to the formatter: where the value is and how it is written. It
 /// is a few words to make, so that code which traces stays small, and lives no longer than the
 /// call that it is made for.
-class TraceItem {
+class TESSEL_API TraceItem {
  public:
   // Implicit, so that a list of values is a list of items.
+  // NOLINTBEGIN(cppcoreguidelines-pro-type-member-init): the other member of the union.
   TraceItem(const char* text) : text_(text != nullptr ? text : "(null)") {}
   TraceItem(std::string_view text) : text_(text) {}
+  // NOLINTEND(cppcoreguidelines-pro-type-member-init)
   template <Traceable T>
   TraceItem(const T& value) : value_(&value), write_(&writeValue<T>) {}
 
@@ -154,7 +157,7 @@ class TraceItem {
 namespace detail {
 
 /// Keeps formatting out of the code that traces.
-[[gnu::cold]] void writeTrace(int level, std::initializer_list<TraceItem> items);
+[[gnu::cold]] TESSEL_API void writeTrace(int level, std::initializer_list<TraceItem> items);
 
 }  // namespace detail
 }  // namespace tessel

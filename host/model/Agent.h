@@ -6,6 +6,7 @@
 #include <string>
 
 #include "host/entity/Entity.h"
+#include "host/facility/Export.h"
 #include "host/model/IkeConfig.h"
 #include "host/model/IkeSa.h"
 #include "host/model/IkeStatus.h"
@@ -19,7 +20,7 @@ namespace IpsecCommon {
 
 /// The agent's table of SAs towards the data path. The data path observes it: `sa` added or
 /// written is a hand-over, removed is a deletion.
-class TesselV1 final : public Entity {
+class TESSEL_API TesselV1 final : public Entity {
  public:
   static constexpr CollectionName<SecurityAssociationKey> saName{{"sa"}};
   const KeyedCollection<SecurityAssociationKey, Ptr<Ike::SecurityAssociation>>& sa() const {
@@ -42,19 +43,19 @@ class TesselV1 final : public Entity {
 
 namespace Capabilities {
 /// An input of the configuration helper that the machine passes empty.
-class Status final : public Entity {};
+class TESSEL_API Status final : public Entity {};
 }  // namespace Capabilities
 
 namespace Ike {
 /// An input of the configuration helper that the machine passes empty.
-class ConnectionTable final : public Entity {};
+class TESSEL_API ConnectionTable final : public Entity {};
 }  // namespace Ike
 
 /// An input of the configuration helper that the machine passes empty.
-class PkiLocalStatus final : public Entity {};
+class TESSEL_API PkiLocalStatus final : public Entity {};
 
 /// Where the encapsulation id of a connection comes from.
-struct ConnectionKeySource {
+struct TESSEL_API ConnectionKeySource {
   ConnectionKey connectionKey;
   uint8_t connectionType = 0;  ///< 2 = dynamic path.
 
@@ -66,18 +67,18 @@ struct ConnectionKeySource {
 inline constexpr uint8_t kDynamicPathConnection = 2;
 
 /// Encapsulation id of a connection; request id 0 means none.
-struct EncapId {
+struct TESSEL_API EncapId {
   uint32_t reqid = 0;
   friend bool operator==(const EncapId&, const EncapId&) = default;
 };
 
 /// The agent's table of encapsulation ids.
-class EncapIdHelper final : public Entity {
+class TESSEL_API EncapIdHelper final : public Entity {
   HOST_VALUES(encapId, ConnectionKeySource, EncapId);
 };
 
 /// The agent's configuration helper: applies profiles.
-class ConfHelper final : public RefCounted {
+class TESSEL_API ConfHelper final : public RefCounted {
  public:
   ConfHelper(Ptr<const Ike::Config> config, Ptr<Ike::Status> status,
              Ptr<const Capabilities::Status> capabilitiesStatus,
@@ -112,7 +113,7 @@ class ConfHelper final : public RefCounted {
 };
 
 /// Says that a profile changed: each increment is one change.
-class ProfileNotification final : public Entity {
+class TESSEL_API ProfileNotification final : public Entity {
  public:
   explicit ProfileNotification(std::string name) : profileName_(std::move(name)) {}
   const std::string& profileName() const { return profileName_; }
@@ -124,7 +125,7 @@ class ProfileNotification final : public Entity {
 };
 
 /// One notification per profile name.
-class ProfileNotificationList final : public Entity {
+class TESSEL_API ProfileNotificationList final : public Entity {
   HOST_COLLECTION(notification, std::string, ProfileNotification);
 };
 

@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "host/facility/Export.h"
+
 namespace tessel {
 
 /// A byte string whose content is no secret: public keys, published nonces, packets.
@@ -17,11 +19,11 @@ using Bytes = std::vector<uint8_t>;
 using BytesView = std::span<const uint8_t>;
 
 /// Overwrites `size` bytes at `memory` with zeros in a way that the compiler does not remove.
-void wipeMemory(void* memory, size_t size) noexcept;
+TESSEL_API void wipeMemory(void* memory, size_t size) noexcept;
 
 /// Allocator that wipes what it takes back.
 template <class T>
-struct WipingAllocator {
+struct TESSEL_API WipingAllocator {
   using value_type = T;
   WipingAllocator() = default;
   template <class U>
@@ -36,7 +38,7 @@ struct WipingAllocator {
 
 /// A secret byte string: private keys, shared secrets, full nonces, seed keys, SA keys. Its memory
 /// is wiped when it is released or overwritten. It has no text form and reaches no stream or trace.
-class SecretBytes {
+class TESSEL_API SecretBytes {
  public:
   SecretBytes() = default;
   explicit SecretBytes(size_t size) : bytes_(size) {}

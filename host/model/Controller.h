@@ -2,8 +2,10 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "host/entity/Entity.h"
+#include "host/facility/Export.h"
 #include "host/model/Bytes.h"
 #include "host/model/IpGenAddr.h"
 
@@ -11,7 +13,7 @@ namespace tessel::Controller {
 
 /// The latest key record of one peer. The default record is the empty one: a peer without an entry
 /// reads as it.
-struct PeerKeyInfo {
+struct TESSEL_API PeerKeyInfo {
   IpGenAddr originatorId;  ///< The peer's address.
   Bytes dhKey;             ///< DH public key in IKEv2's encoding.
   uint32_t dhKeyLen = 0;   ///< Bytes.
@@ -29,13 +31,13 @@ struct PeerKeyInfo {
 };
 
 /// The keys of the peers, as the PF controllers deliver them.
-class PeerKeyDir final : public Entity {
+class TESSEL_API PeerKeyDir final : public Entity {
   HOST_VALUES(ipsecPeerKeyInfo, IpGenAddr, PeerKeyInfo);
 };
 
 /// The local key record that the PF controllers distribute. A reader takes the record as changed
 /// when `updateVersion` has grown: it is written last.
-class LocalKeyDir final : public Entity {
+class TESSEL_API LocalKeyDir final : public Entity {
   HOST_ATTRIBUTE(originatorId, IpGenAddr);
   HOST_ATTRIBUTE(rekeyCounter, uint64_t);
   HOST_ATTRIBUTE(dhGroup, uint32_t);
@@ -50,8 +52,13 @@ class LocalKeyDir final : public Entity {
   HOST_COUNTER(updateVersion);
 };
 
+/// What the peers are to receive of a local key record, with the marks of a received record set;
+/// nothing while the record is not valid. Throws std::range_error, which names the field, for an
+/// algorithm code that a peer's record cannot hold.
+TESSEL_API std::optional<PeerKeyInfo> publishedRecord(const LocalKeyDir& dir);
+
 /// Connectivity to the PF controllers.
-class Status final : public Entity {
+class TESSEL_API Status final : public Entity {
   HOST_ATTRIBUTE(connected, bool);
 };
 

@@ -7,12 +7,13 @@
 
 #include "host/entity/KeyedCollection.h"
 #include "host/entity/Ptr.h"
+#include "host/facility/Export.h"
 #include "host/model/Keys.h"
 
 namespace tessel::IpsecCounters {
 
 /// Counters of one SA. An SA has an entry only while it is installed.
-struct IpsecSACounterEntry {
+struct TESSEL_API IpsecSACounterEntry {
   uint32_t nonceWord = 0;  ///< Last nonce word received on the SA, host byte order; 0 = none.
   uint64_t addTime = 0;    ///< When it was installed, UTC seconds.
   uint64_t pkts = 0;
@@ -21,7 +22,7 @@ struct IpsecSACounterEntry {
 };
 
 /// Counters of all SAs under one request id.
-struct IpsecSessionCounterEntry {
+struct TESSEL_API IpsecSessionCounterEntry {
   uint64_t pktsIn = 0;   ///< Received.
   uint64_t pktsOut = 0;  ///< Sent.
   friend bool operator==(const IpsecSessionCounterEntry&,
@@ -29,14 +30,14 @@ struct IpsecSessionCounterEntry {
 };
 
 /// Raised by reading an entry that is corrupt.
-class CorruptionException : public std::runtime_error {
+class TESSEL_API CorruptionException : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
 /// The shared counter table. The machine reads it; the data path writes it with every packet, so it
 /// notifies nobody.
-class IpsecCounterTable final : public RefCounted {
+class TESSEL_API IpsecCounterTable final : public RefCounted {
  public:
   /// The entry of an SA; the empty entry when there is none. Throws CorruptionException.
   const IpsecSACounterEntry& saCounterEntry(const SecurityAssociationKey& key) const;

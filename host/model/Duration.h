@@ -5,11 +5,13 @@
 #include <limits>
 #include <string>
 
+#include "host/facility/Export.h"
+
 namespace tessel {
 
 /// A time span, or a point in time since a clock's origin, in seconds. Positive infinity stands
 /// for never: a timer that is not armed, an expiry that does not apply.
-class Duration {
+class TESSEL_API Duration {
  public:
   constexpr Duration() = default;
   constexpr explicit Duration(double seconds) : seconds_(seconds) {}
@@ -43,6 +45,6 @@ constexpr Duration seconds(double value) {
 }
 
 /// Seconds with up to six decimals, trailing zeros cut ("12.5 s"), or "never".
-std::string stringValue(Duration duration);
+TESSEL_API std::string stringValue(Duration duration);
 
 }  // namespace tessel

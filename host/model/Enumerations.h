@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+#include "host/facility/Export.h"
+
 namespace tessel {
 
 /// Kind of an SA on a path.
@@ -21,9 +23,9 @@ enum class SaType : uint8_t {
   retiredIn = 8,  ///< Replaced by a completed rekey.
   retiredOut = 9,
 };
-bool isInSa(SaType type);
-bool isOutSa(SaType type);
-std::string stringValue(SaType type);
+TESSEL_API bool isInSa(SaType type);
+TESSEL_API bool isOutSa(SaType type);
+TESSEL_API std::string stringValue(SaType type);
 
 /// A rekey role or state: of a path's SA rekey (`saSmState`), and of a path in a DH rekey
 /// (`dhSmState`, one per pair of generations).
@@ -35,7 +37,7 @@ enum class SmState : uint8_t {
   bothInitiated = 4,  ///< Both sides started an SA rekey at once.
   noRole = 5,         ///< Both generations of the pair are older than the newest ones.
 };
-std::string stringValue(SmState state);
+TESSEL_API std::string stringValue(SmState state);
 
 /// Progress of a DH rekey: the router's own, and per pair of generations that of a path.
 enum class DhRekeyState : uint8_t {
@@ -45,7 +47,7 @@ enum class DhRekeyState : uint8_t {
   inProgress = 3,
   outSaInstalling = 4,  ///< Traffic was seen on the new in-SA.
 };
-std::string stringValue(DhRekeyState state);
+TESSEL_API std::string stringValue(DhRekeyState state);
 
 /// Progress of one SA in a rekey.
 enum class SaRekeyState : uint8_t {
@@ -55,7 +57,7 @@ enum class SaRekeyState : uint8_t {
   inUse = 3,
   nonceFailed = 4,
 };
-std::string stringValue(SaRekeyState state);
+TESSEL_API std::string stringValue(SaRekeyState state);
 
 /// Where a path stands.
 enum class DynamicPathState : uint8_t {
@@ -93,7 +95,7 @@ enum class DynamicPathState : uint8_t {
   rebuild = 31,
 };
 inline constexpr size_t kDynamicPathStates = 32;
-std::string stringValue(DynamicPathState state);
+TESSEL_API std::string stringValue(DynamicPathState state);
 /// Established, idle or active: no rekey runs, and the steady SAs carry the traffic.
 constexpr bool isSteady(DynamicPathState state) {
   return state == DynamicPathState::established || state == DynamicPathState::idle ||
@@ -102,7 +104,7 @@ constexpr bool isSteady(DynamicPathState state) {
 
 /// Whether a peer's crypto is derived.
 enum class PeerConnStatus : uint8_t { ready = 0, down = 1 };
-std::string stringValue(PeerConnStatus status);
+TESSEL_API std::string stringValue(PeerConnStatus status);
 
 /// Why a peer went down.
 enum class PeerDownReason : uint8_t {
@@ -114,7 +116,7 @@ enum class PeerDownReason : uint8_t {
   hashAlgoMismatch = 5,
   keyDerivationFailed = 6,
 };
-std::string stringValue(PeerDownReason reason);
+TESSEL_API std::string stringValue(PeerDownReason reason);
 
 /// ESP encryption algorithm: the code that key records carry.
 enum class IpsecEspAlgorithm : uint8_t {
@@ -127,7 +129,7 @@ enum class IpsecEspAlgorithm : uint8_t {
   nullEncryption = 6,
   aes192Cbc = 7,
 };
-std::string stringValue(IpsecEspAlgorithm algorithm);
+TESSEL_API std::string stringValue(IpsecEspAlgorithm algorithm);
 
 /// ESP integrity algorithm: the code that key records carry.
 enum class IpsecHmacAlgorithm : uint8_t {
@@ -139,7 +141,7 @@ enum class IpsecHmacAlgorithm : uint8_t {
   none = 5,
   unused = 6,
 };
-std::string stringValue(IpsecHmacAlgorithm algorithm);
+TESSEL_API std::string stringValue(IpsecHmacAlgorithm algorithm);
 
 /// The algorithms of the crypto-suite configuration: the codes are those that key records carry.
 using EncryptionAlgo = IpsecEspAlgorithm;
@@ -151,9 +153,9 @@ enum class NonceType : uint8_t {
   initiator = 1,  ///< The sender starts an SA rekey.
   responder = 2,  ///< The sender answers one.
 };
-std::string stringValue(NonceType type);
+TESSEL_API std::string stringValue(NonceType type);
 /// Converts a received number; throws std::out_of_range("NonceType out of range").
-NonceType NonceTypeInstance(uint32_t number);
+TESSEL_API NonceType NonceTypeInstance(uint32_t number);
 
 /// Diffie-Hellman group of the key-controller settings, by its number in the IANA registry of
 /// IKEv2 group numbers.
@@ -171,14 +173,14 @@ enum class IpsecDhGroup : uint8_t {
   ecp521 = 21,
   modp2048s256 = 24,
 };
-std::string stringValue(IpsecDhGroup group);
+TESSEL_API std::string stringValue(IpsecDhGroup group);
 
 /// IANA group number, as the DH primitive takes it; 0 means unsupported.
 using DhGroupNum = uint32_t;
-DhGroupNum getDhGroupNum(IpsecDhGroup group);
+TESSEL_API DhGroupNum getDhGroupNum(IpsecDhGroup group);
 
 /// How an SA is encapsulated.
 enum class IpsecEncapProtocol : uint8_t { none = 0, udp = 1 };
-std::string stringValue(IpsecEncapProtocol protocol);
+TESSEL_API std::string stringValue(IpsecEncapProtocol protocol);
 
 }  // namespace tessel

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "host/entity/Entity.h"
+#include "host/facility/Export.h"
 #include "host/model/Duration.h"
 #include "host/model/Enumerations.h"
 #include "host/model/Keys.h"
@@ -67,7 +68,7 @@ inline constexpr std::string_view kEventNames[] = {"clearPath",
                                                    "updateRouterId"};
 
 /// The name of an event: one of `kEventNames`, or none.
-class EventName {
+class TESSEL_API EventName {
  public:
   constexpr EventName() = default;
   /// From a string literal; one that is not listed does not compile.
@@ -97,20 +98,20 @@ class EventName {
 };
 
 /// `time` is UTC in all events.
-struct LocalEvent {
+struct TESSEL_API LocalEvent {
   Duration time;
   EventName eventName;
   uint64_t number = 0;
 };
 
-struct PeerEvent {
+struct TESSEL_API PeerEvent {
   Duration time;
   EventName eventName;
   IpGenAddr peer;
   DhKeyPair dhKeyPair;
 };
 
-struct PathEvent {
+struct TESSEL_API PathEvent {
   Duration time;
   EventName eventName;
   ConnectionKey connectionKey;
@@ -118,7 +119,7 @@ struct PathEvent {
   DhKeyPair dhKeyPair;
 };
 
-struct SaEvent {
+struct TESSEL_API SaEvent {
   Duration time;
   EventName eventName;
   uint32_t spi = 0;
@@ -128,7 +129,7 @@ struct SaEvent {
 
 /// What a log keeps of an event: the key is the log's own. There are thousands of logs, and most of
 /// a router's memory would be theirs.
-struct [[gnu::packed]] StoredEvent {
+struct TESSEL_API [[gnu::packed]] StoredEvent {
   double time;
   uint64_t first;  ///< Of the key pair; or the number of a local event.
   uint64_t second;
@@ -141,25 +142,25 @@ template <class Event>
 struct EventForm;
 
 template <>
-struct EventForm<LocalEvent> {
+struct TESSEL_API EventForm<LocalEvent> {
   struct Key {};
   static StoredEvent store(const LocalEvent& event);
   static LocalEvent read(const Key& key, const StoredEvent& stored);
 };
 template <>
-struct EventForm<PeerEvent> {
+struct TESSEL_API EventForm<PeerEvent> {
   using Key = IpGenAddr;
   static StoredEvent store(const PeerEvent& event);
   static PeerEvent read(const Key& key, const StoredEvent& stored);
 };
 template <>
-struct EventForm<PathEvent> {
+struct TESSEL_API EventForm<PathEvent> {
   using Key = ConnectionKey;
   static StoredEvent store(const PathEvent& event);
   static PathEvent read(const Key& key, const StoredEvent& stored);
 };
 template <>
-struct EventForm<SaEvent> {
+struct TESSEL_API EventForm<SaEvent> {
   using Key = SecurityAssociationKey;
   static StoredEvent store(const SaEvent& event);
   static SaEvent read(const Key& key, const StoredEvent& stored);
@@ -167,7 +168,7 @@ struct EventForm<SaEvent> {
 
 /// One log: a ring of slots. `head` is the slot that the next event takes.
 template <class Event>
-class EventLog : public RefCounted {
+class TESSEL_API EventLog : public RefCounted {
  public:
   using Key = typename EventForm<Event>::Key;
 
@@ -220,7 +221,7 @@ using LocalEventLog = EventLog<LocalEvent>;
 using PeerEventEntry = EventLog<PeerEvent>;
 using PathEventEntry = EventLog<PathEvent>;
 class PathNameMapping;
-class SaEventEntry final : public EventLog<SaEvent> {
+class TESSEL_API SaEventEntry final : public EventLog<SaEvent> {
  public:
   using EventLog::EventLog;
   const SecurityAssociationKey& sakey() const { return key(); }
@@ -234,7 +235,7 @@ class SaEventEntry final : public EventLog<SaEvent> {
 };
 
 /// From a path's name to the logs that concern it.
-class PathNameMapping final : public RefCounted {
+class TESSEL_API PathNameMapping final : public RefCounted {
  public:
   ~PathNameMapping() override;
   const Ptr<PathEventEntry>& pathEvents() const { return pathEvents_; }
@@ -255,7 +256,7 @@ class PathNameMapping final : public RefCounted {
 };
 
 /// Is told of every event as it is recorded.
-class EventObserver {
+class TESSEL_API EventObserver {
  public:
   virtual ~EventObserver() = default;
   virtual void handleEvent(const LocalEvent& event) = 0;
@@ -267,7 +268,7 @@ class EventObserver {
 
 /// The logs of one agent. The machine writes them and never deletes one; the host retires the logs
 /// of SAs that are gone, see `follow`.
-class RecordEvents final : public RefCounted {
+class TESSEL_API RecordEvents final : public RefCounted {
  public:
   /// Capacity of every log; 0 records nothing. Read once per log, when the log is made.
   uint32_t maxEventRecord() const { return maxEventRecord_; }

@@ -5,20 +5,21 @@
 #include <string>
 
 #include "host/entity/Entity.h"
+#include "host/facility/Export.h"
 #include "host/model/Enumerations.h"
 
 namespace tessel::Ike {
 
 /// Range of UDP source ports over which flows are spread; 0 and 0 means none.
-struct EncapSrcPortRange {
+struct TESSEL_API EncapSrcPortRange {
   uint16_t first = 0;
   uint16_t last = 0;
   friend bool operator==(const EncapSrcPortRange&, const EncapSrcPortRange&) = default;
 };
-std::string stringValue(const EncapSrcPortRange& range);
+TESSEL_API std::string stringValue(const EncapSrcPortRange& range);
 
 /// A named crypto suite.
-class SaCryptoSuiteConfig final : public Entity {
+class TESSEL_API SaCryptoSuiteConfig final : public Entity {
  public:
   explicit SaCryptoSuiteConfig(std::string name) : name_(std::move(name)) {}
   const std::string& name() const { return name_; }
@@ -31,7 +32,7 @@ class SaCryptoSuiteConfig final : public Entity {
 };
 
 /// The settings of a security association.
-class SecurityAssociationConfig final : public Entity {
+class TESSEL_API SecurityAssociationConfig final : public Entity {
  public:
   explicit SecurityAssociationConfig(std::string name) : name_(std::move(name)) {}
   const std::string& name() const { return name_; }
@@ -51,7 +52,7 @@ class SecurityAssociationConfig final : public Entity {
 };
 
 /// An IPsec profile.
-class IpsecProfileConfig final : public Entity {
+class TESSEL_API IpsecProfileConfig final : public Entity {
  public:
   explicit IpsecProfileConfig(std::string name) : name_(std::move(name)) {}
   const std::string& name() const { return name_; }
@@ -68,7 +69,7 @@ class IpsecProfileConfig final : public Entity {
 };
 
 /// The settings of the key controller.
-struct KeyControllerConfig {
+struct TESSEL_API KeyControllerConfig {
   uint8_t enabled = 0;
   std::string profileName;     ///< The profile applied to the key controller; empty when none.
   uint32_t dhKeyLifetime = 0;  ///< Seconds.
@@ -78,7 +79,7 @@ struct KeyControllerConfig {
 };
 
 /// The IPsec configuration.
-class Config final : public Entity {
+class TESSEL_API Config final : public Entity {
   HOST_COLLECTION(ipsecProfile, std::string, IpsecProfileConfig);
   HOST_COLLECTION(securityAssoc, std::string, SecurityAssociationConfig);
   HOST_COLLECTION(saCryptoSuiteConfig, std::string, SaCryptoSuiteConfig);

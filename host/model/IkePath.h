@@ -5,6 +5,7 @@
 #include <string>
 
 #include "host/entity/Entity.h"
+#include "host/facility/Export.h"
 #include "host/model/Bytes.h"
 #include "host/model/Duration.h"
 #include "host/model/Enumerations.h"
@@ -16,7 +17,7 @@ namespace tessel::Ike {
 
 /// The host's clock and the periods that the state model itself promises. Shared by the entities
 /// that tell time; the clock must outlive them.
-class Timing final : public RefCounted {
+class TESSEL_API Timing final : public RefCounted {
  public:
   explicit Timing(const Clock& hostClock) : clock(hostClock) {}
   const Clock& clock;
@@ -29,14 +30,14 @@ class Timing final : public RefCounted {
 
 /// A nonce of an SA rekey: 28 significant bits, and the same value as four bytes, least significant
 /// byte first. The default record (value 0, no bytes) is that of a path that has none yet.
-struct NonceFmt {
+struct TESSEL_API NonceFmt {
   uint32_t nonceValue = 0;
   Bytes nonceBytes;
   friend bool operator==(const NonceFmt&, const NonceFmt&) = default;
 };
 
 /// A path's DH rekey for one pair of key generations.
-class DhState final : public Entity {
+class TESSEL_API DhState final : public Entity {
  public:
   explicit DhState(const DhKeyPair&) {}
 
@@ -46,7 +47,7 @@ class DhState final : public Entity {
 };
 
 /// One SA of a path, as the path sees it.
-class PathConnSaInfo final : public Entity {
+class TESSEL_API PathConnSaInfo final : public Entity {
  public:
   PathConnSaInfo(const SecurityAssociationKey& sakey, Ptr<SecurityAssociation> sa) : sakey_(sakey) {
     saIs(std::move(sa));
@@ -69,7 +70,7 @@ class PathConnSaInfo final : public Entity {
 };
 
 /// The health record of a path.
-class SanityCheck final : public Entity {
+class TESSEL_API SanityCheck final : public Entity {
  public:
   explicit SanityCheck(Ptr<const Timing> timing) : timing_(std::move(timing)) {}
   /// Made by its path.
@@ -105,7 +106,7 @@ class SanityCheck final : public Entity {
 };
 
 /// One path towards a peer: its state and its SAs. Lives as long as the peer lists it.
-class PathConnState final : public Entity {
+class TESSEL_API PathConnState final : public Entity {
  public:
   template <class Owner>
   PathConnState(const Owner& peer, const ConnectionKey& key)
@@ -138,7 +139,7 @@ class PathConnState final : public Entity {
 };
 
 /// One peer. Lengths of keys, truncation and ICV are in bits, of the DH key and nonce in bytes.
-class PeerConnectionState final : public Entity {
+class TESSEL_API PeerConnectionState final : public Entity {
  public:
   template <class Owner>
   PeerConnectionState(const Owner& status, const IpGenAddr& peer)

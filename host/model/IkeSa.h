@@ -5,6 +5,7 @@
 #include <string>
 
 #include "host/entity/Entity.h"
+#include "host/facility/Export.h"
 #include "host/model/Bytes.h"
 #include "host/model/Duration.h"
 #include "host/model/Enumerations.h"
@@ -18,7 +19,7 @@ using Port = uint16_t;
 
 /// What a derivation yields for one pair of key generations: keys, SPIs and the description of the
 /// algorithms. All lengths are in bits.
-struct CryptoInfo {
+struct TESSEL_API CryptoInfo {
   SecretBytes firstEncryptionKey;
   SecretBytes secondEncryptionKey;
   uint16_t cryptoKeyLen = 0;
@@ -35,7 +36,7 @@ struct CryptoInfo {
 };
 
 /// The crypto of one pair of key generations.
-class CryptoInfoPair final : public Entity {
+class TESSEL_API CryptoInfoPair final : public Entity {
  public:
   explicit CryptoInfoPair(const DhKeyPair& pair) : dhKeyPair_(pair) {}
   const DhKeyPair& dhKeyPair() const { return dhKeyPair_; }
@@ -48,7 +49,7 @@ class CryptoInfoPair final : public Entity {
 
 /// One SA as handed to the data path. Lengths are in bits, ports and numbers in host byte order
 /// except where it says otherwise.
-class SecurityAssociation final : public Entity {
+class TESSEL_API SecurityAssociation final : public Entity {
  public:
   explicit SecurityAssociation(const SecurityAssociationKey& sakey) : sakey_(sakey) {}
   const SecurityAssociationKey& sakey() const { return sakey_; }
@@ -94,7 +95,7 @@ class SecurityAssociation final : public Entity {
 };
 
 /// Lifetime limits of an SA: seconds since it was installed, bytes, packets; 0 = none.
-class LifetimeCfg final : public Entity {
+class TESSEL_API LifetimeCfg final : public Entity {
  public:
   explicit LifetimeCfg(const SecurityAssociationKey&) {}
 
@@ -107,7 +108,7 @@ class LifetimeCfg final : public Entity {
 };
 
 /// The SAs of one VRF.
-class VrfStatus final : public Entity {
+class TESSEL_API VrfStatus final : public Entity {
  public:
   explicit VrfStatus(L3::VrfName name) : name_(std::move(name)) {}
   const L3::VrfName& name() const { return name_; }

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "host/entity/Entity.h"
+#include "host/facility/Export.h"
 #include "host/model/IkePath.h"
 #include "host/model/IkeSa.h"
 
@@ -13,7 +14,7 @@ namespace tessel::Ike {
 
 /// Generation times of the local key, UTC; 0 = no key. The third field is the host's: the machine
 /// copies it through unchanged.
-struct LocalKeyState {
+struct TESSEL_API LocalKeyState {
   Duration firstGenerationTime;
   Duration latestGenerationTime;
   uint64_t hostData = 0;
@@ -21,7 +22,7 @@ struct LocalKeyState {
 };
 
 /// Test controls of one path.
-class PathTestKnob final : public Entity {
+class TESSEL_API PathTestKnob final : public Entity {
  public:
   explicit PathTestKnob(const ConnectionKey&) {}
 
@@ -30,7 +31,7 @@ class PathTestKnob final : public Entity {
 };
 
 /// Test controls.
-class TestKnob final : public Entity {
+class TESSEL_API TestKnob final : public Entity {
   /// Replaces the generated local nonce when not empty.
   HOST_ATTRIBUTE(forcedNonce, std::string);
   /// Replaces the DH key lifetime; at least 300 s.
@@ -43,7 +44,7 @@ class TestKnob final : public Entity {
 };
 
 /// Clear requests of one path: each increment asks to clear it.
-class ClearPathCounter final : public Entity {
+class TESSEL_API ClearPathCounter final : public Entity {
  public:
   explicit ClearPathCounter(const ConnectionKey& key) : connectionKey_(key) {}
   const ConnectionKey& connectionKey() const { return connectionKey_; }
@@ -55,7 +56,7 @@ class ClearPathCounter final : public Entity {
 };
 
 /// A profile applied to connections.
-class IpsecProfileConnectionMap final : public Entity {
+class TESSEL_API IpsecProfileConnectionMap final : public Entity {
  public:
   explicit IpsecProfileConnectionMap(std::string name) : profileName_(std::move(name)) {}
   const std::string& profileName() const { return profileName_; }
@@ -69,10 +70,10 @@ class IpsecProfileConnectionMap final : public Entity {
 /// State of the connection that carries a path.
 enum class ConnectionState : uint8_t { down = 0, established = 3, connected = 7 };
 /// "established(3)"; numbers that the machine does not know are "unknown(5)".
-std::string stringValue(ConnectionState state);
+TESSEL_API std::string stringValue(ConnectionState state);
 
 /// The agent's connection status of one path.
-class IpsecConnectionStatusInfo final : public Entity {
+class TESSEL_API IpsecConnectionStatusInfo final : public Entity {
  public:
   explicit IpsecConnectionStatusInfo(const ConnectionKey&) {}
 
@@ -86,7 +87,7 @@ class IpsecConnectionStatusInfo final : public Entity {
 };
 
 /// The agent's IPsec status.
-class Status final : public Entity {
+class TESSEL_API Status final : public Entity {
  public:
   explicit Status(Ptr<const Timing> timing) : timing_(std::move(timing)) {}
   const Ptr<const Timing>& timing() const { return timing_; }

@@ -10,17 +10,18 @@
 #include <string_view>
 
 #include "host/entity/Hash.h"
+#include "host/facility/Export.h"
 
 namespace tessel {
 
 /// Address families, with the numbers that SA keys carry.
 enum class AddressFamily : uint8_t { none = 0, ipv4 = 2, ipv6 = 10 };
 /// "ipv4(2)".
-std::string stringValue(AddressFamily family);
+TESSEL_API std::string stringValue(AddressFamily family);
 
 /// A generic IP address: 16 address bytes in network byte order (IPv4 in the first four) and the
 /// family. The default is the unspecified address, which has no family.
-class IpGenAddr {
+class TESSEL_API IpGenAddr {
  public:
   constexpr IpGenAddr() = default;
   /// The all-zero address of a family.

@@ -6,6 +6,7 @@
 
 #include "host/entity/KeyedCollection.h"
 #include "host/entity/Ptr.h"
+#include "host/facility/Export.h"
 #include "host/model/Bytes.h"
 #include "host/model/Enumerations.h"
 #include "host/model/IpGenAddr.h"
@@ -15,7 +16,7 @@ namespace tessel {
 class IpsecDHGeneral;
 
 /// What a local generation shares with one peer.
-struct SharedSecret {
+struct TESSEL_API SharedSecret {
   Bytes peerKey;  ///< The peer's public key that the secret was computed with.
   SecretBytes secret;
   uint32_t secretLen = 0;  ///< Bytes.
@@ -24,7 +25,7 @@ struct SharedSecret {
 };
 
 /// One local DH key generation. Never leaves the machine; wiped when it is deleted.
-class LocalKeyInfo final : public RefCounted {
+class TESSEL_API LocalKeyInfo final : public RefCounted {
  public:
   explicit LocalKeyInfo(uint64_t counter);
   ~LocalKeyInfo() override;
@@ -53,7 +54,7 @@ class LocalKeyInfo final : public RefCounted {
 };
 
 /// One key generation of a peer: a copy of its record.
-class TesselPeerKeyInfo final : public RefCounted {
+class TESSEL_API TesselPeerKeyInfo final : public RefCounted {
  public:
   explicit TesselPeerKeyInfo(uint64_t counter) : rekeyCounter(counter) {}
 
@@ -68,7 +69,7 @@ class TesselPeerKeyInfo final : public RefCounted {
 };
 
 /// The generations of one peer that SAs may still use.
-class TesselPeerKeyInfoList final : public RefCounted {
+class TESSEL_API TesselPeerKeyInfoList final : public RefCounted {
  public:
   explicit TesselPeerKeyInfoList(const IpGenAddr& peer) : peer_(peer) {}
   const IpGenAddr& peer() const { return peer_; }

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "host/entity/Hash.h"
+#include "host/facility/Export.h"
 #include "host/model/IpGenAddr.h"
 
 namespace tessel {
@@ -27,7 +28,7 @@ inline constexpr const char* kDefaultVrfName = "default";
 inline constexpr VrfId kNoVrfId = 0x00FFFFFF;
 
 /// Identity of one path: one connection between a local and a remote end.
-struct ConnectionKey {
+struct TESSEL_API ConnectionKey {
   VrfId vrfId = kNoVrfId;
   IpGenAddr srcAddr;  ///< Local end.
   IpGenAddr dstAddr;  ///< Remote end.
@@ -40,10 +41,10 @@ struct ConnectionKey {
 };
 
 /// "vrf 0 192.0.2.1 -> 192.0.2.2"; the connection id is not part of the text.
-std::string stringValue(const ConnectionKey& key);
+TESSEL_API std::string stringValue(const ConnectionKey& key);
 
 /// Key of one entry of merged path data: a `ConnectionKey` without `connId`.
-struct MergeResolutionKey {
+struct TESSEL_API MergeResolutionKey {
   VrfId vrfId = kNoVrfId;
   IpGenAddr srcAddr;
   IpGenAddr dstAddr;
@@ -54,10 +55,10 @@ struct MergeResolutionKey {
   friend auto operator<=>(const MergeResolutionKey&, const MergeResolutionKey&) = default;
 };
 
-std::string stringValue(const MergeResolutionKey& key);
+TESSEL_API std::string stringValue(const MergeResolutionKey& key);
 
 /// Identity of one SA.
-struct SecurityAssociationKey {
+struct TESSEL_API SecurityAssociationKey {
   uint32_t spi = 0;     ///< Security parameter index, host byte order.
   IpGenAddr daddr;      ///< Destination address of the SA.
   uint32_t proto = 0;   ///< IP protocol number: 50 for ESP.
@@ -73,13 +74,13 @@ struct SecurityAssociationKey {
 };
 
 /// "spi 0x0badcafe daddr 192.0.2.2 proto 50 reqid 7".
-std::string stringValue(const SecurityAssociationKey& key);
+TESSEL_API std::string stringValue(const SecurityAssociationKey& key);
 
 /// An SPI as the field writes it: "0x0badcafe".
-std::string spiText(uint32_t spi);
+TESSEL_API std::string spiText(uint32_t spi);
 
 /// The pair of key generations that crypto material or an SA comes from.
-struct DhKeyPair {
+struct TESSEL_API DhKeyPair {
   uint64_t localRekeyCount = 0;
   uint64_t peerRekeyCount = 0;
 
@@ -90,6 +91,6 @@ struct DhKeyPair {
 };
 
 /// "( 1 , 2 )": local count, peer count.
-std::string stringValue(const DhKeyPair& pair);
+TESSEL_API std::string stringValue(const DhKeyPair& pair);
 
 }  // namespace tessel

@@ -6,19 +6,20 @@
 #include <vector>
 
 #include "host/entity/Entity.h"
+#include "host/facility/Export.h"
 #include "host/model/Keys.h"
 
 namespace tessel::Path {
 
 /// Configuration of one dynamic path.
-struct PathConfig {
+struct TESSEL_API PathConfig {
   /// Asks for the path to be established, anew if it exists.
   bool ipsecEnabled = false;
   friend bool operator==(const PathConfig&, const PathConfig&) = default;
 };
 
 /// Dynamic path configuration.
-class PathConnConfig final : public Entity {
+class TESSEL_API PathConnConfig final : public Entity {
   HOST_VALUES(ipsecPathConfig, ConnectionKey, PathConfig);
   /// The local router id (VTEP address).
   HOST_ATTRIBUTE(routerId, IpGenAddr);
@@ -26,14 +27,14 @@ class PathConnConfig final : public Entity {
 
 /// State of the underlying path.
 enum class UnderlayState : uint8_t { down = 0, connecting = 1, connected = 2, established = 3 };
-std::string stringValue(UnderlayState state);
+TESSEL_API std::string stringValue(UnderlayState state);
 
 class PathStatus;
 class PathStatusDir;
 
 /// Which path statuses name which peer. A directory and its statuses share it, since either may
 /// outlive the other.
-class PeerIndex final : public RefCounted {
+class TESSEL_API PeerIndex final : public RefCounted {
  public:
   /// The number of the next status: the larger, the younger.
   uint64_t nextOrder() { return ++lastOrder_; }
@@ -48,7 +49,7 @@ class PeerIndex final : public RefCounted {
 };
 
 /// Status of one dynamic path.
-class PathStatus final : public Entity {
+class TESSEL_API PathStatus final : public Entity {
  public:
   PathStatus(const PathStatusDir& directory, const ConnectionKey& key);
   ~PathStatus() override;
@@ -79,7 +80,7 @@ class PathStatus final : public Entity {
 };
 
 /// Status of all dynamic paths.
-class PathStatusDir final : public Entity {
+class TESSEL_API PathStatusDir final : public Entity {
  public:
   HOST_COLLECTION(ipsecPathStatus, ConnectionKey, PathStatus);
 
@@ -109,13 +110,13 @@ class PathStatusDir final : public Entity {
 namespace tessel {
 
 /// One connection of a merged entry. A new version says that its data changed.
-struct MergedConnection {
+struct TESSEL_API MergedConnection {
   uint64_t version = 0;
   friend bool operator==(const MergedConnection&, const MergedConnection&) = default;
 };
 
 /// The connections between one pair of addresses.
-class MergeConnectionInfo final : public Entity {
+class TESSEL_API MergeConnectionInfo final : public Entity {
  public:
   explicit MergeConnectionInfo(const MergeResolutionKey& key) : key_(key) {}
   const MergeResolutionKey& key() const { return key_; }
@@ -127,7 +128,7 @@ class MergeConnectionInfo final : public Entity {
 };
 
 /// Merged path data.
-class MergeData final : public Entity {
+class TESSEL_API MergeData final : public Entity {
   HOST_COLLECTION(connectionInfo, MergeResolutionKey, MergeConnectionInfo);
 };
 

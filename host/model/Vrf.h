@@ -2,15 +2,16 @@
 #pragma once
 
 #include "host/entity/Entity.h"
+#include "host/facility/Export.h"
 #include "host/model/Keys.h"
 
 namespace tessel::Vrf::VrfIdMap {
 
-class Status final : public Entity {
+class TESSEL_API Status final : public Entity {
   HOST_VALUES(idToName, VrfId, L3::VrfName);
 };
 
-class NameToIdMap final : public Entity {
+class TESSEL_API NameToIdMap final : public Entity {
   HOST_VALUES(nameToId, L3::VrfName, VrfId);
 };
 

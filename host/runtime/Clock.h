@@ -1,12 +1,13 @@
 // Clock: the only source of time.
 #pragma once
 
+#include "host/facility/Export.h"
 #include "host/model/Duration.h"
 
 namespace tessel {
 
 /// The time as a scheduler sees it. Nothing else in the system may ask for the time.
-class Clock {
+class TESSEL_API Clock {
  public:
   Clock() = default;
   Clock(const Clock&) = delete;

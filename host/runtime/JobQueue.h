@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "host/facility/Export.h"
 #include "host/model/Duration.h"
 
 namespace tessel {
@@ -20,7 +21,7 @@ class TaskScheduler;
 /// that is armed again leaves nothing behind, and nothing is allocated once the heaps have grown.
 ///
 /// Jobs are not owned: a job removes itself when it is destroyed.
-class JobQueue {
+class TESSEL_API JobQueue {
  public:
   /// `orderCounter` numbers what is queued; queues that jobs move between share one. It outlives
   /// the queue.

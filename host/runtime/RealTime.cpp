@@ -11,6 +11,9 @@ namespace {
 /// Longest single wait: keeps every finite time within the range of the clock's arithmetic.
 constexpr double longestWaitSeconds = 3600.0;
 
+/// How long the loop may be busy before those whom its clock serves get a turn.
+constexpr Duration longestWithoutWait = seconds(0.01);
+
 template <class Span>
 Duration inSeconds(Span span) {
   return Duration(std::chrono::duration<double>(span).count());
@@ -50,12 +53,17 @@ uint64_t RealTime::runUntil(Duration end) {
   const Ptr<RealTime> self(this);
   const RunGuard guard(running_);
   uint64_t jobs = 0;
+  Duration waited = clock_->monotonicTime();
   while (true) {
     runPosted();
+    const Duration now = clock_->monotonicTime();
+    if (now - waited >= longestWithoutWait) {
+      clock_->serve();
+      waited = now;
+    }
     if (stopped_.exchange(false)) {
       return jobs;
     }
-    const Duration now = clock_->monotonicTime();
     if (Job* const job = queue_.pop(std::min(now, end))) {
       job->run();
       ++jobs;
@@ -63,6 +71,7 @@ uint64_t RealTime::runUntil(Duration end) {
       return jobs;
     } else {
       clock_->waitUntil(std::min(queue_.nextDue(), end));
+      waited = clock_->monotonicTime();
     }
   }
 }

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "host/entity/Ptr.h"
+#include "host/facility/Export.h"
 #include "host/runtime/Clock.h"
 #include "host/runtime/JobQueue.h"
 #include "host/runtime/TaskScheduler.h"
@@ -19,17 +20,20 @@
 namespace tessel {
 
 /// A clock that one thread can wait by.
-class WaitingClock : public Clock {
+class TESSEL_API WaitingClock : public Clock {
  public:
   /// Blocks until monotonic time `until` (never(): without limit) or until woken; may also return
   /// early. A wake that came since the last wait ends this one at once.
   virtual void waitUntil(Duration until) = 0;
+  /// For a clock that serves others while it waits: a loop that has been busy for 10 ms calls it
+  /// between two jobs. Does not block.
+  virtual void serve() {}
   /// Ends the wait; callable from every thread.
   virtual void wake() = 0;
 };
 
 /// The system's steady clock, which starts at 0 when the object is made, and its UTC clock.
-class SystemClock final : public WaitingClock {
+class TESSEL_API SystemClock final : public WaitingClock {
  public:
   Duration monotonicTime() const override;
   Duration utcTime() const override;
@@ -45,7 +49,7 @@ class SystemClock final : public WaitingClock {
 
 /// The loop of one thread, on which the agents of that thread run. Everything but `post` and `stop`
 /// belongs to that thread.
-class RealTime final : public RefCounted {
+class TESSEL_API RealTime final : public RefCounted {
  public:
   /// The default is the system's clock.
   explicit RealTime(std::unique_ptr<WaitingClock> clock = std::make_unique<SystemClock>());
@@ -88,7 +92,7 @@ class RealTime final : public RefCounted {
 };
 
 /// The scheduler of one agent in real time.
-class RealTimeScheduler final : public TaskScheduler {
+class TESSEL_API RealTimeScheduler final : public TaskScheduler {
  public:
   RealTimeScheduler(Ptr<RealTime> time, std::string name);
 

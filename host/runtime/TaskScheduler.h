@@ -21,6 +21,7 @@
 #include <string>
 
 #include "host/entity/Ptr.h"
+#include "host/facility/Export.h"
 #include "host/model/Duration.h"
 #include "host/runtime/Clock.h"
 #include "host/runtime/JobQueue.h"
@@ -28,7 +29,7 @@
 namespace tessel {
 
 /// Runs the tasks and timers of one agent, for example of one router.
-class TaskScheduler : public RefCounted {
+class TESSEL_API TaskScheduler : public RefCounted {
  public:
   /// Who runs here; traces made by its tasks and timers carry this name.
   const std::string& name() const { return name_; }
@@ -54,7 +55,7 @@ class TaskScheduler : public RefCounted {
 };
 
 /// What tasks, timers and events have in common: a handler, and a place in a queue.
-class Job : public RefCounted {
+class TESSEL_API Job : public RefCounted {
  public:
   const std::string& name() const { return name_; }
 
@@ -100,7 +101,7 @@ class Job : public RefCounted {
 };
 
 /// Work that is run once each time it is asked for.
-class Task final : public Job {
+class TESSEL_API Task final : public Job {
  public:
   Task(Ptr<TaskScheduler> scheduler, int priority, std::string name);
 
@@ -129,7 +130,7 @@ class Task final : public Job {
 };
 
 /// Work that is run once, some time after it was armed.
-class TimerTask final : public Job {
+class TESSEL_API TimerTask final : public Job {
  public:
   /// Starts disarmed.
   TimerTask(Ptr<TaskScheduler> scheduler, int priority, std::string name);

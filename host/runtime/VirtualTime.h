@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host/entity/Ptr.h"
+#include "host/facility/Export.h"
 #include "host/runtime/Clock.h"
 #include "host/runtime/JobQueue.h"
 #include "host/runtime/TaskScheduler.h"
@@ -17,7 +18,7 @@ namespace tessel {
 /// The clock and the one queue of all agents that share a virtual time. Their jobs run in one
 /// order, which depends on nothing but what was scheduled: the order at the head of
 /// TaskScheduler.h, across agents. Time stands still while a job runs.
-class VirtualTime final : public RefCounted, public Clock {
+class TESSEL_API VirtualTime final : public RefCounted, public Clock {
  public:
   /// 2026-01-01T00:00:00Z.
   static constexpr Duration defaultUtcStart() { return Duration(1767225600.0); }
@@ -53,7 +54,7 @@ class VirtualTime final : public RefCounted, public Clock {
 };
 
 /// The scheduler of one agent in a shared virtual time.
-class VirtualTimeScheduler final : public TaskScheduler {
+class TESSEL_API VirtualTimeScheduler final : public TaskScheduler {
  public:
   VirtualTimeScheduler(Ptr<VirtualTime> time, std::string name);
 

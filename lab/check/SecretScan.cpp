@@ -99,7 +99,7 @@ const char* SecretScan::find(std::string_view output) const {
         return found;
       }
     }
-    const int digit = kDigits[byte];
+    const int8_t digit = kDigits[byte];
     if (digit >= 0) {
       hex = hex << 4U | static_cast<uint64_t>(digit);
       if (++digits >= 2 * kPrefix) {

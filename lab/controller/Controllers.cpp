@@ -10,14 +10,6 @@
 namespace tessel::lab {
 namespace {
 
-uint8_t narrowCode(uint16_t code, const char* field) {
-  if (code > UINT8_MAX) {
-    throw std::range_error(std::string(field) + ": " + std::to_string(code) +
-                           " does not fit a peer's record");
-  }
-  return static_cast<uint8_t>(code);
-}
-
 template <class Code>
 uint8_t otherCode(uint8_t code, Code usual, Code instead) {
   return static_cast<uint8_t>(code == static_cast<uint8_t>(usual) ? instead : usual);
@@ -61,21 +53,8 @@ void spoil(Controller::PeerKeyInfo& record, RecordFault fault) {
 }  // namespace
 
 std::shared_ptr<const Controller::PeerKeyInfo> readRecord(const Controller::LocalKeyDir& dir) {
-  if (!dir.valid()) {
-    return nullptr;
-  }
-  return std::make_shared<Controller::PeerKeyInfo>(
-      Controller::PeerKeyInfo{.originatorId = dir.originatorId(),
-                              .dhKey = dir.dhKey(),
-                              .dhKeyLen = dir.dhKeyLen(),
-                              .dhGroup = dir.dhGroup(),
-                              .nonce = dir.nonce(),
-                              .nonceLen = dir.nonceLen(),
-                              .encryptAlgo = narrowCode(dir.encryptAlgo(), "encryptAlgo"),
-                              .hashAlgo = narrowCode(dir.hashAlgo(), "hashAlgo"),
-                              .valid = 1,
-                              .rekeyCounter = dir.rekeyCounter(),
-                              .received = 1});
+  std::optional<Controller::PeerKeyInfo> record = publishedRecord(dir);
+  return record ? std::make_shared<Controller::PeerKeyInfo>(std::move(*record)) : nullptr;
 }
 
 Controllers::Controllers(const std::vector<ControllerPlan>& plans, Audience audience,

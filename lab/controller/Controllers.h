@@ -23,8 +23,7 @@ struct ControllerClient {
   Ptr<Controller::Status> status;
 };
 
-/// What a router has published, as its peers receive it; null while it publishes nothing. Throws
-/// std::range_error, which names the field, for an algorithm code that a record cannot hold.
+/// `publishedRecord`, shared by all who are to receive it; null while nothing is published.
 std::shared_ptr<const Controller::PeerKeyInfo> readRecord(const Controller::LocalKeyDir& dir);
 
 /// What became of disturbed deliveries to a router, since the lab began.

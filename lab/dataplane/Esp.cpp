@@ -210,7 +210,7 @@ void EspTransform::seal(uint32_t spi, uint32_t sequence, BytesView inner, BytesV
                 crypt(cipher_.get(), text),
             "encrypt");
   }
-  std::array<uint8_t, kMaxDigestSize> digest;
+  std::array<uint8_t, kMaxDigestSize> digest{};
   const std::span<uint8_t> result(digest.data(), digestSize_);
   require(hmac_->compute({out.first(out.size() - icvSize_)}, result), "compute an ICV");
   std::copy_n(digest.begin(), icvSize_, out.end() - static_cast<std::ptrdiff_t>(icvSize_));
@@ -218,7 +218,7 @@ void EspTransform::seal(uint32_t spi, uint32_t sequence, BytesView inner, BytesV
 
 // The nonce is salt | IV, the additional data SPI | sequence number (RFC 4106).
 void EspTransform::sealGcm(std::span<uint8_t> out, size_t textSize) {
-  std::array<uint8_t, kSaltSize + kGcmIvSize> nonce;
+  std::array<uint8_t, kSaltSize + kGcmIvSize> nonce{};
   std::copy_n(salt_.data(), kSaltSize, nonce.begin());
   put64(nonce.data() + kSaltSize, ivCounter_++);
   std::copy_n(nonce.data() + kSaltSize, kGcmIvSize, out.data() + kEspHeaderSize);
@@ -247,7 +247,7 @@ EspTransform::Opened EspTransform::open(std::span<uint8_t> esp) {
       return {.failure = Failure::badIcv};
     }
   } else {
-    std::array<uint8_t, kMaxDigestSize> digest;
+    std::array<uint8_t, kMaxDigestSize> digest{};
     require(hmac_->compute({esp.first(esp.size() - icvSize_)}, {digest.data(), digestSize_}),
             "compute an ICV");
     if (CRYPTO_memcmp(digest.data(), text.data() + textSize, icvSize_) != 0) {
@@ -276,7 +276,7 @@ EspTransform::Opened EspTransform::open(std::span<uint8_t> esp) {
 }
 
 bool EspTransform::openGcm(std::span<uint8_t> esp, size_t textSize) {
-  std::array<uint8_t, kSaltSize + kGcmIvSize> nonce;
+  std::array<uint8_t, kSaltSize + kGcmIvSize> nonce{};
   std::copy_n(salt_.data(), kSaltSize, nonce.begin());
   std::copy_n(esp.data() + kEspHeaderSize, kGcmIvSize, nonce.data() + kSaltSize);
   int size = 0;

@@ -70,7 +70,7 @@ Worker startWorker(const std::function<std::string(uint64_t)>& work, uint64_t it
 
 /// Takes what there is to read; false at the end.
 bool readSome(Worker& worker) {
-  std::array<char, 1 << 16> buffer;
+  std::array<char, 1 << 16> buffer{};
   const ssize_t count = read(worker.output, buffer.data(), buffer.size());
   if (count > 0) {
     worker.result.text.append(buffer.data(), static_cast<size_t>(count));
@@ -103,6 +103,7 @@ void forEachInWorkers(std::span<const uint64_t> items, unsigned jobs,
       workers.push_back(startWorker(work, items[next++]));
     }
     std::vector<pollfd> outputs;
+    outputs.reserve(workers.size());
     for (const Worker& worker : workers) {
       outputs.push_back({.fd = worker.output, .events = POLLIN, .revents = 0});
     }

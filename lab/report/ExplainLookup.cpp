@@ -146,14 +146,13 @@ std::optional<PeerDownReason> Explain::downAt(const std::string& router, const s
     if (event.at > time) {
       break;
     }
-    if (std::holds_alternative<event::RouterDown>(event.what)) {
-      down = false;
-    } else if (event.peer != peer) {
-      continue;
-    } else if (const auto* status = std::get_if<event::PeerStatus>(&event.what)) {
+    const bool ofPeer = event.peer == peer;
+    const auto* const status = ofPeer ? std::get_if<event::PeerStatus>(&event.what) : nullptr;
+    if (status != nullptr) {
       down = status->status == PeerConnStatus::down;
       reason = status->reason;
-    } else if (std::holds_alternative<event::PeerGone>(event.what)) {
+    } else if (std::holds_alternative<event::RouterDown>(event.what) ||
+               (ofPeer && std::holds_alternative<event::PeerGone>(event.what))) {
       down = false;
     }
   }

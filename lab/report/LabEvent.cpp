@@ -118,7 +118,7 @@ std::string nameOf(const LabEvent& event) {
           },
           [&](const SaStep& e) { return std::string(stepName(e.step)); },
           [&](const event::Nonce& e) { return e.sent ? usual : std::string("nonce-received"); },
-          [&](const auto&) { return usual; }},
+          [&](const auto&) { return std::string(usual); }},
       event.what);
 }
 

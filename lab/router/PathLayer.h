@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "host/entity/KeyedCollection.h"
+#include "host/agent/AgentPaths.h"
 #include "host/model/Keys.h"
 #include "lab/router/RouterEntities.h"
 #include "lab/scenario/Scenario.h"
@@ -26,31 +26,22 @@ struct PathEnd {
   PathCondition condition;
 };
 
-/// Writes the entities of paths in the order that the machine relies on. Every call belongs in a
-/// job of the router. A path that is not there is left alone by everything but `add`.
+/// `AgentPaths` for the lab's path ends. Every call belongs in a job of the router.
 class PathLayer {
  public:
-  explicit PathLayer(RouterEntities& entities) : entities_(entities) {}
+  explicit PathLayer(RouterEntities& entities) : entities_(entities), paths_(entities) {}
 
-  /// Brings a path to the machine's notice: configuration, path status, connection status,
-  /// encapsulation id, and at last the merged data.
   void add(const PathEnd& end);
-  /// Takes a path away: its configuration, a change of its merged data (at which the machine drops
-  /// the path), then the merged data, path status, connection status and encapsulation id.
   void remove(const ConnectionKey& key);
-  /// Writes what the path layer says about a path, without announcing it.
   void update(const PathEnd& end);
-  /// Changes the path's merged data, at which the machine looks at the path again.
-  void announce(const ConnectionKey& key);
+  void announce(const ConnectionKey& key) { paths_.announce(key); }
   /// Misbehaves.
   void mutantIs(Mutant mutant) { mutant_ = mutant; }
-  bool has(const ConnectionKey& key) const;
+  bool has(const ConnectionKey& key) const { return paths_.has(key); }
 
  private:
-  void write(const PathEnd& end);
-
   RouterEntities& entities_;
-  uint64_t lastVersion_ = 0;
+  AgentPaths paths_;
   Mutant mutant_ = Mutant::none;
 };
 

@@ -193,12 +193,7 @@ void Router::bringUp() {
                               .peerKeyDir = entities.ipsecPeerKeyDir,
                               .status = entities.controllerStatus});
   observer_.handleRouterUp(*this);
-  agent.machine = Ipsec::tesselV1SmFactory(
-      agent.scheduler, entities.ipsecConfig, entities.ipsecStatus, entities.ipsecDpsPathConfig,
-      entities.ipsecPathStatusDir, entities.ipsecLocalKeyDir, entities.ipsecPeerKeyDir,
-      entities.controllerStatus, entities.profileNotificationList, entities.ipsecCounterTable,
-      entities.encapIdHelper, entities.mergeData, entities.vrfIdStatus, entities.vrfNameStatus,
-      entities.recordEvents, entities.tesselV1);
+  agent.machine = Ipsec::tesselV1SmFactory(agent.scheduler, entities);
 
   for (const std::unique_ptr<RouterPath>& path : paths_) {
     if (path->wanted()) {

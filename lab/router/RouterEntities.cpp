@@ -1,42 +1,13 @@
 #include "lab/router/RouterEntities.h"
 
 namespace tessel::lab {
-namespace {
-
-constexpr VrfId kDefaultVrf = 0;
-
-Ptr<Ike::Timing> makeTiming(const Clock& clock, const RouterSettings& settings) {
-  const Ptr<Ike::Timing> timing = makePtr<Ike::Timing>(clock);
-  timing->sanityExpiry = settings.sanityExpiry;
-  timing->dhRekeyDelay = settings.dhRekeyDelay;
-  return timing;
-}
-
-}  // namespace
 
 RouterEntities::RouterEntities(const Clock& clock, const RouterSettings& settings)
-    : timing(makeTiming(clock, settings)),
-      ipsecConfig(makePtr<Ike::Config>()),
-      ipsecStatus(makePtr<Ike::Status>(timing)),
-      ipsecDpsPathConfig(makePtr<Path::PathConnConfig>()),
-      ipsecPathStatusDir(makePtr<Path::PathStatusDir>()),
-      ipsecLocalKeyDir(makePtr<Controller::LocalKeyDir>()),
-      ipsecPeerKeyDir(makePtr<Controller::PeerKeyDir>()),
-      controllerStatus(makePtr<Controller::Status>()),
-      profileNotificationList(makePtr<ProfileNotificationList>()),
-      ipsecCounterTable(makePtr<IpsecCounters::IpsecCounterTable>()),
-      encapIdHelper(makePtr<EncapIdHelper>()),
-      mergeData(makePtr<MergeData>()),
-      vrfIdStatus(makePtr<Vrf::VrfIdMap::Status>()),
-      vrfNameStatus(makePtr<Vrf::VrfIdMap::NameToIdMap>()),
-      recordEvents(makePtr<RecordEvents>()),
-      tesselV1(makePtr<IpsecCommon::TesselV1>()) {
-  vrfIdStatus->idToNameIs(kDefaultVrf, L3::kDefaultVrfName);
-  vrfNameStatus->nameToIdIs(L3::kDefaultVrfName, kDefaultVrf);
-  ipsecStatus->vrfStatusIs("default");
+    : AgentEntities(clock) {
+  timing->sanityExpiry = settings.sanityExpiry;
+  timing->dhRekeyDelay = settings.dhRekeyDelay;
   recordEvents->maxEventRecordIs(settings.maxEventRecord);
   recordEvents->maxGoneSaLogsIs(settings.maxGoneSaLogs);
-  recordEvents->follow(tesselV1);
 }
 
 void writeProfile(Ike::Config& config, const ProfileSettings& profile) {

@@ -9,7 +9,8 @@ bool Field::refuse(std::string problem) const {
   std::string value = flowText(*node_);
   constexpr size_t longest = 60;
   if (value.size() > longest) {
-    value = value.substr(0, longest) + "...";
+    value.resize(longest);
+    value += "...";
   }
   state_->errors.push_back({.line = node_->line,
                             .column = node_->column,

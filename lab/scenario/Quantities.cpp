@@ -160,7 +160,7 @@ Parsed<double> parseRate(std::string_view text) {
 }
 
 Parsed<double> parsePercentage(std::string_view text) {
-  const Parsed<double> percentage = parseOne(text, percentageUnits, "percentage");
+  Parsed<double> percentage = parseOne(text, percentageUnits, "percentage");
   if (!percentage.value) {
     return percentage;
   }

@@ -45,6 +45,7 @@ void newName(Form& form, const std::string& what, const std::vector<Plan>& earli
   form.required("name", name, TextKind());
   if (form.source() != nullptr && form.source()->has("name")) {
     std::vector<std::string> names;
+    names.reserve(earlier.size());
     for (const Plan& plan : earlier) {
       names.push_back(plan.name);
     }

@@ -245,8 +245,7 @@ Ptr<Ike::SecurityAssociation> RekeySm::selectInSaForOutSa(
     return inSa;  // The latest one, or the latest that the peer can know.
   }
 
-  const Ptr<Ike::SecurityAssociation> latestInSa =
-      getSaFromDhKeyPairAndType(*latest, SaType::dhRekeyIn);
+  Ptr<Ike::SecurityAssociation> latestInSa = getSaFromDhKeyPairAndType(*latest, SaType::dhRekeyIn);
   if (!latestInSa) {
     TRACE("In SA with the latest key pair was not found");
     return nullptr;

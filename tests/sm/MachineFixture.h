@@ -192,11 +192,7 @@ class Everything {
 
 inline Ptr<TesselV1Sm> makeMachine(const Ptr<TaskScheduler>& scheduler,
                                    const lab::RouterEntities& host) {
-  return tesselV1SmFactory(scheduler, host.ipsecConfig, host.ipsecStatus, host.ipsecDpsPathConfig,
-                           host.ipsecPathStatusDir, host.ipsecLocalKeyDir, host.ipsecPeerKeyDir,
-                           host.controllerStatus, host.profileNotificationList,
-                           host.ipsecCounterTable, host.encapIdHelper, host.mergeData,
-                           host.vrfIdStatus, host.vrfNameStatus, host.recordEvents, host.tesselV1);
+  return tesselV1SmFactory(scheduler, host);
 }
 
 /// Everything that the agent writes for a path, in its order, but for the merged data.
