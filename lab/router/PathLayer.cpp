@@ -26,11 +26,15 @@ void PathLayer::add(const PathEnd& end) {
 }
 
 void PathLayer::remove(const ConnectionKey& key) {
-  const bool had = has(key);
-  paths_.remove(key);
-  if (had && mutant_ == Mutant::takesNeighbour && !entities_.tesselV1->sa().keys().empty()) {
-    entities_.tesselV1->saDel(entities_.tesselV1->sa().keys().front());
+  if (mutant_ == Mutant::takesNeighbour && has(key)) {
+    // In the middle of a removal: the machine has dropped the path, whose status is still there.
+    entities_.ipsecDpsPathConfig->ipsecPathConfigDel(key);
+    paths_.announce(key);
+    if (!entities_.tesselV1->sa().keys().empty()) {
+      entities_.tesselV1->saDel(entities_.tesselV1->sa().keys().front());
+    }
   }
+  paths_.remove(key);
 }
 
 void PathLayer::update(const PathEnd& end) {

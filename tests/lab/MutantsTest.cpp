@@ -37,7 +37,7 @@ Scenario scenarioWith(Mutant mutant) {
   return scenario;
 }
 
-/// The violation that came first; empty when there is none.
+/// The violation that came first, which begins with its invariant; empty when there is none.
 std::string firstViolation(Mutant mutant,
                            IpsecEspAlgorithm encryption = IpsecEspAlgorithm::aes256Gcm128) {
   Invariants invariants;
@@ -62,7 +62,11 @@ std::string firstViolation(Mutant mutant,
   }
   const Violation& first = invariants.violations().front();
   EXPECT_EQ(first.events.empty(), first.routers.empty()) << stringValue(first);
-  return mutant == Mutant::none ? stringValue(first) : first.invariant;
+  return stringValue(first);
+}
+
+void expectFirst(const std::string& violation, const std::string& invariant) {
+  EXPECT_EQ(violation.substr(0, violation.find(' ')), invariant) << violation;
 }
 
 TEST(Mutants, EachViolatesItsInvariantFirst) {
@@ -90,10 +94,10 @@ TEST(Mutants, EachViolatesItsInvariantFirst) {
   };
   for (const Case& each : cases) {
     SCOPED_TRACE("mutant " + std::to_string(static_cast<int>(each.mutant)));
-    EXPECT_EQ(firstViolation(each.mutant), each.violated);
+    expectFirst(firstViolation(each.mutant), each.violated);
   }
-  EXPECT_EQ(firstViolation(Mutant::none, IpsecEspAlgorithm::aes128Cbc), "");
-  EXPECT_EQ(firstViolation(Mutant::restartsIv, IpsecEspAlgorithm::aes128Cbc), "iv-never-twice");
+  expectFirst(firstViolation(Mutant::none, IpsecEspAlgorithm::aes128Cbc), "");
+  expectFirst(firstViolation(Mutant::restartsIv, IpsecEspAlgorithm::aes128Cbc), "iv-never-twice");
 }
 
 }  // namespace
