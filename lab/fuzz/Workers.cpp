@@ -15,6 +15,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#ifdef __SANITIZE_ADDRESS__
+extern "C" void __sanitizer_purge_allocator();  // Not every compiler comes with its header.
+#endif
+
 namespace tessel::lab {
 namespace {
 
@@ -131,6 +135,9 @@ void shuffleHeap() {
   }
   std::shuffle(blocks.begin(), blocks.end(), random);
   blocks.resize(kBlocks / 2);
+#ifdef __SANITIZE_ADDRESS__
+  __sanitizer_purge_allocator();  // It would keep back what has been freed.
+#endif
 }
 
 }  // namespace tessel::lab
