@@ -20,6 +20,12 @@ namespace tessel::Ipsec {
 
 void DhRekey::dhRekeyBacklogProcessElem(const IpGenAddr& peer) {
   TRACE("Process dhRekeyTask for peer", peer);
+  if (sm_.peerKeys().startsOver(peer)) {
+    // Validating the record against the stored key would hide that they differ. The first exchange
+    // brings the peer back into the rekey.
+    TRACE("Skip DH rekey for peer that waits for its first DH exchange", peer);
+    return;
+  }
   if (const Ptr<Ike::PeerConnectionState>& state =
           sm_.ipsecStatus()->ipsecPeerConnectionState(peer);
       state && state->peerConnStatus() != PeerConnStatus::ready &&

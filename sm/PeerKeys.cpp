@@ -234,6 +234,12 @@ bool PeerKeys::isCurrentPeerKey(const IpGenAddr& peer, const DhKeyPair& dhKeyPai
   return sm_.ipsecPeerKeyDir()->ipsecPeerKeyInfo(peer).rekeyCounter == dhKeyPair.peerRekeyCount;
 }
 
+bool PeerKeys::startsOver(const IpGenAddr& peer) const {
+  const Controller::PeerKeyInfo& info = sm_.ipsecPeerKeyDir()->ipsecPeerKeyInfo(peer);
+  const Ptr<TesselPeerKeyInfo> stored = getPeerKeyInfo(peer, {0, info.rekeyCounter});
+  return stored && !info.isEq(Controller::PeerKeyInfo()) && stored->nonce != info.nonce;
+}
+
 std::optional<uint64_t> PeerKeys::getNewestPeerRekeyCount(const IpGenAddr& peer) const {
   const Ptr<TesselPeerKeyInfoList>* list = localPeerKeyInfoList_.find(peer);
   if (list == nullptr) {

@@ -54,6 +54,9 @@ class PeerKeys {
   Ptr<TesselPeerKeyInfo> getPeerKeyInfo(const IpGenAddr& peer, const DhKeyPair& dhKeyPair) const;
   /// Whether the pair's peer generation is the one in the directory (0 without an entry).
   bool isCurrentPeerKey(const IpGenAddr& peer, const DhKeyPair& dhKeyPair) const;
+  /// Whether the directory's record has the number of a stored generation but another nonce: the
+  /// peer has a new key, which waits in the queue for its first exchange.
+  bool startsOver(const IpGenAddr& peer) const;
   /// Absent without a list, 0 for an empty one.
   std::optional<uint64_t> getNewestPeerRekeyCount(const IpGenAddr& peer) const;
 

@@ -15,7 +15,8 @@ void PeerRecovery::recoverPeers() {
   const auto isEstablishedPeer = [this](const IpGenAddr& peer) {
     const Controller::PeerKeyInfo& info = sm_.ipsecPeerKeyDir()->ipsecPeerKeyInfo(peer);
     return sm_.peerKeys().initialDhCompleted(peer) && !info.isEq(Controller::PeerKeyInfo()) &&
-           sm_.peerKeys().getPeerKeyInfo(peer, {0, info.rekeyCounter});
+           sm_.peerKeys().getPeerKeyInfo(peer, {0, info.rekeyCounter}) &&
+           !sm_.peerKeys().startsOver(peer);
   };
   for (const auto& [peer, state] : sm_.ipsecStatus()->ipsecPeerConnectionState()) {
     if (state->peerConnStatus() != PeerConnStatus::ready && isEstablishedPeer(peer)) {
