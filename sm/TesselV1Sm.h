@@ -140,7 +140,10 @@ class TESSEL_API TesselV1Sm final : public RefCounted {
   void hasNotificationActiveIs(bool active);
   bool hasNotificationActive() const { return notificationActive_; }
 
+  /// Applies the settings that stand in the inputs already, makes the local key if it may exist,
+  /// and starts the timers. Called once, by the factory.
   void handleInitialized();
+  /// The key-controller settings changed: a new local key, or none.
   void handleKeyController();
 
   /// Nested reactors. Each keeps the one that already holds the same member; a null member throws

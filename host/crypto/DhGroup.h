@@ -42,8 +42,10 @@ class DhGroup {
   /// Whether a public key is one that a peer may send: exact length, and an element of the group
   /// that is safe to compute with.
   virtual bool isPublicKeyValid(BytesView key) const = 0;
+  /// The public key of a private one. False when libcrypto fails.
   virtual bool publicKey(const BIGNUM* privateKey, Bytes* out) const = 0;
-  /// The shared secret, padded to its full length. `peerKey` must be valid.
+  /// The shared secret, padded to its full length. `peerKey` must be valid. False when libcrypto
+  /// fails.
   virtual bool sharedSecret(const BIGNUM* privateKey, BytesView peerKey,
                             SecretBytes* out) const = 0;
 
@@ -61,6 +63,7 @@ class DhGroup {
   libcrypto::BigNum order_;
 };
 
+/// The group of that kind with that IANA number; null when there is none that can be used.
 std::unique_ptr<DhGroup> makeModpGroup(DhGroupNum number);
 std::unique_ptr<DhGroup> makeEcpGroup(DhGroupNum number);
 

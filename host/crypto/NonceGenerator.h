@@ -8,6 +8,7 @@
 
 namespace tessel {
 
+/// Draws from the process's `RandomSource`. Has no state.
 class TESSEL_API NonceGenerator {
  public:
   /// Length in bytes of the nonces that `generateNonce` makes.

@@ -96,6 +96,7 @@ class TESSEL_API Subscription {
   Invoke invoke_ = nullptr;
 };
 
+/// Base of every object with observers; the contract stands at the head of this file.
 class TESSEL_API Entity : public RefCounted {
  public:
   /// Tells the observers. For the entity's own attributes.

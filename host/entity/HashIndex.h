@@ -13,6 +13,7 @@
 
 namespace tessel {
 
+/// Positions by 32-bit hashes; several members may have one hash. The caller compares the keys.
 class TESSEL_API HashIndex {
  public:
   static constexpr uint32_t kNone = UINT32_MAX;
@@ -33,6 +34,7 @@ class TESSEL_API HashIndex {
       }
     }
   }
+  /// Adds a position that is not linked yet.
   void link(uint32_t hash, uint32_t position);
   /// The position must be linked under `hash`, here and below.
   void unlink(uint32_t hash, uint32_t position);

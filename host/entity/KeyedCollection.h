@@ -34,6 +34,7 @@
 
 namespace tessel {
 
+/// Values by key; the promises stand at the head of this file. Keys have `==` and `hashValue`.
 template <class Key, class Value>
 class TESSEL_API KeyedCollection {
  public:

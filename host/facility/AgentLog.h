@@ -20,8 +20,7 @@
 
 namespace tessel {
 
-/// How often a message may be logged. The defaults, which log every occurrence, are the only
-/// parameters accepted so far.
+/// How often a message may be logged. Only the defaults are accepted, which log every occurrence.
 struct TESSEL_API AgentLogRate {
   Duration interval;
   double factor = 1.0;

@@ -14,7 +14,7 @@ namespace tessel::Controller {
 /// The latest key record of one peer. The default record is the empty one: a peer without an entry
 /// reads as it.
 struct TESSEL_API PeerKeyInfo {
-  IpGenAddr originatorId;  ///< The peer's address.
+  IpGenAddr originatorId;  ///< The peer's router id.
   Bytes dhKey;             ///< DH public key in IKEv2's encoding.
   uint32_t dhKeyLen = 0;   ///< Bytes.
   uint32_t dhGroup = 0;    ///< IANA group number.
@@ -38,16 +38,22 @@ class TESSEL_API PeerKeyDir final : public Entity {
 /// The local key record that the PF controllers distribute. A reader takes the record as changed
 /// when `updateVersion` has grown: it is written last.
 class TESSEL_API LocalKeyDir final : public Entity {
+  /// The own router id.
   HOST_ATTRIBUTE(originatorId, IpGenAddr);
+  /// The key generation; 0 begins a new lineage.
   HOST_ATTRIBUTE(rekeyCounter, uint64_t);
+  /// IANA group number.
   HOST_ATTRIBUTE(dhGroup, uint32_t);
+  /// DH public key in IKEv2's encoding, and its length in bytes.
   HOST_ATTRIBUTE(dhKey, Bytes);
   HOST_ATTRIBUTE(dhKeyLen, uint32_t);
+  /// And its length in bytes.
   HOST_ATTRIBUTE(nonce, Bytes);
   HOST_ATTRIBUTE(nonceLen, uint32_t);
+  /// Numbers of `IpsecEspAlgorithm` and `IpsecHmacAlgorithm`.
   HOST_ATTRIBUTE(encryptAlgo, uint16_t);
   HOST_ATTRIBUTE(hashAlgo, uint16_t);
-  /// The record is complete and may be used.
+  /// The record is complete and may be used; false withdraws it.
   HOST_ATTRIBUTE(valid, bool);
   HOST_COUNTER(updateVersion);
 };

@@ -97,6 +97,7 @@ class TESSEL_API EventName {
   uint8_t number_ = kNone;
 };
 
+/// An event of the router itself; `number` is the own key generation that it is about.
 /// `time` is UTC in all events.
 struct TESSEL_API LocalEvent {
   Duration time;
@@ -104,6 +105,7 @@ struct TESSEL_API LocalEvent {
   uint64_t number = 0;
 };
 
+/// An event of a peer; `dhKeyPair`, here and below, is the pair of generations at that time.
 struct TESSEL_API PeerEvent {
   Duration time;
   EventName eventName;
@@ -111,6 +113,7 @@ struct TESSEL_API PeerEvent {
   DhKeyPair dhKeyPair;
 };
 
+/// An event of a path, with the state that it was in.
 struct TESSEL_API PathEvent {
   Duration time;
   EventName eventName;
@@ -119,6 +122,7 @@ struct TESSEL_API PathEvent {
   DhKeyPair dhKeyPair;
 };
 
+/// An event of an SA, with the state of its path.
 struct TESSEL_API SaEvent {
   Duration time;
   EventName eventName;
@@ -221,6 +225,7 @@ using LocalEventLog = EventLog<LocalEvent>;
 using PeerEventEntry = EventLog<PeerEvent>;
 using PathEventEntry = EventLog<PathEvent>;
 class PathNameMapping;
+/// The log of one SA.
 class TESSEL_API SaEventEntry final : public EventLog<SaEvent> {
  public:
   using EventLog::EventLog;

@@ -53,7 +53,7 @@ class TESSEL_API LocalKeyInfo final : public RefCounted {
   KeyedCollection<IpGenAddr, SharedSecret> sharedSecret_;
 };
 
-/// One key generation of a peer: a copy of its record.
+/// One key generation of a peer: a copy of its record, see `Controller::PeerKeyInfo`.
 class TESSEL_API TesselPeerKeyInfo final : public RefCounted {
  public:
   explicit TesselPeerKeyInfo(uint64_t counter) : rekeyCounter(counter) {}

@@ -7,10 +7,12 @@
 
 namespace tessel::Vrf::VrfIdMap {
 
+/// VRF names by number.
 class TESSEL_API Status final : public Entity {
   HOST_VALUES(idToName, VrfId, L3::VrfName);
 };
 
+/// VRF numbers by name.
 class TESSEL_API NameToIdMap final : public Entity {
   HOST_VALUES(nameToId, L3::VrfName, VrfId);
 };

@@ -28,7 +28,8 @@ class Lab;
 /// Of its own opens the window of a path that a DH rekey left behind: its router published a key
 /// for which the path has no in-SA, and the path was one that a rekey does not wait for. It excuses
 /// what is sent on SAs of that key alone, and closes when the receiver has an in-SA of that key and
-/// of what its peer sends on.
+/// of what its peer sends on. And what is sent on an in-SA that is still being installed is excused
+/// where the receiver has installed, and so sends on, the out-SA of the same generations.
 class SendWindows {
  public:
   SendWindows(const Lab& lab, const MeshView& mesh);
