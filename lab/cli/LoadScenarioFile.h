@@ -12,7 +12,7 @@ namespace tessel::lab {
 inline std::optional<Scenario> loadScenarioFile(const std::string& file, const Terminal& terminal) {
   LoadedScenario loaded = loadScenario(file);
   for (const ScenarioError& error : loaded.errors) {
-    terminal.complain(file, stringValue(error));
+    terminal.complain(file, (error.line > 0 ? "" : " ") + stringValue(error));
   }
   if (!loaded.errors.empty()) {
     return std::nullopt;

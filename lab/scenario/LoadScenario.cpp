@@ -17,7 +17,10 @@ void sortErrors(std::vector<ScenarioError>& errors) {
 }  // namespace
 
 std::string stringValue(const ScenarioError& error) {
-  std::string text = std::to_string(error.line) + ":" + std::to_string(error.column) + ": ";
+  std::string text;
+  if (error.line > 0) {
+    text = std::to_string(error.line) + ":" + std::to_string(error.column) + ": ";
+  }
   if (!error.field.empty()) {
     text += error.field + ": ";
   }
@@ -52,7 +55,7 @@ LoadedScenario readScenario(std::string_view text) {
 LoadedScenario loadScenario(const std::filesystem::path& file) {
   const std::optional<std::string> text = readFile(file);
   if (!text) {
-    return {.errors = {{.value = file.string(), .problem = "cannot be read"}}};
+    return {.errors = {{.problem = "cannot be read"}}};
   }
   LoadedScenario loaded = readScenario(*text);
   if (loaded.scenario.name.empty()) {

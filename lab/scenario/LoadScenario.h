@@ -12,7 +12,7 @@ namespace tessel::lab {
 
 /// One fault of a scenario file.
 struct ScenarioError {
-  int line = 0;         ///< From 1.
+  int line = 0;         ///< From 1; 0 for the file as a whole.
   int column = 0;       ///< From 1, in bytes.
   std::string field{};  ///< Such as routers[1].sa.lifetime; empty for the file as a whole.
   std::string value{};  ///< The offending value, on one line.

@@ -97,7 +97,7 @@ TEST_F(ProgramTest, ExitStatusSaysWhatIsWrong) {
       {"no subcommand", {"--seed", "1"}, badInput, "subcommand"},
       {"unknown option", {"run", kSample, "--sed", "1"}, badInput, "--sed"},
       {"seed is no number", {"run", kSample, "--seed", "x"}, badInput, "seed"},
-      {"no such file", {"run", file("none.yaml")}, badInput, "none.yaml:0:0"},
+      {"no such file", {"run", file("none.yaml")}, badInput, "none.yaml: cannot be read"},
       {"no such file to check", {"check", file("none.yaml")}, badInput, "cannot be read"},
       {"bad file", {"run", unit}, badInput, "unit.yaml:1:11: duration: \"20\""},
       {"bad file to check", {"check", unit}, badInput, "unit.yaml:1:11: duration: \"20\""},
