@@ -128,13 +128,15 @@ std::vector<fs::path> stopsOf(const fs::path& folder, bool all) {
   return stops;
 }
 
+/// Of the first paragraph.
 std::string firstSentences(const std::string& description) {
+  std::string text = description.substr(0, description.find("\n\n"));
   size_t end = 0;
-  for (size_t i = 0; i < kSentences && end < description.size(); ++i) {
-    const size_t stop = description.find(". ", end);
-    end = stop == std::string::npos ? description.size() : stop + 1;
+  for (size_t i = 0; i < kSentences && end < text.size(); ++i) {
+    const size_t stop = text.find(". ", end);
+    end = stop == std::string::npos ? text.size() : stop + 1;
   }
-  std::string text = description.substr(0, end);
+  text.resize(end);
   text.erase(text.find_last_not_of(" \n") + 1);
   return text;
 }
