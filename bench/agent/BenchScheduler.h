@@ -31,7 +31,6 @@ class Durations {
   }
   uint64_t count() const { return each_.size(); }
   double total() const { return total_; }
-  double mean() const { return each_.empty() ? 0 : total_ / static_cast<double>(each_.size()); }
   double max() const { return quantile(1); }
   /// The smallest duration that `part` (0 to 1) of all do not exceed; 0 without any.
   double quantile(double part) const;

@@ -12,17 +12,13 @@ namespace tessel::bench {
 namespace {
 
 uint64_t spent = 0;
-uint64_t calls = 0;
 
 class Timer {
  public:
   Timer() : start_(ticks()) {}
   Timer(const Timer&) = delete;
   Timer& operator=(const Timer&) = delete;
-  ~Timer() {
-    spent += ticks() - start_;
-    ++calls;
-  }
+  ~Timer() { spent += ticks() - start_; }
 
  private:
   uint64_t start_;
@@ -42,10 +38,6 @@ uint64_t ticks() {
 
 uint64_t cryptoTicks() {
   return spent;
-}
-
-uint64_t cryptoCalls() {
-  return calls;
 }
 
 }  // namespace tessel::bench

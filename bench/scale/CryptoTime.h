@@ -11,8 +11,7 @@ namespace tessel::bench {
 
 /// Ticks of a counter that runs at one speed.
 uint64_t ticks();
-/// Ticks spent in libcrypto since the program started, and calls of it.
+/// Ticks spent in libcrypto since the program started.
 uint64_t cryptoTicks();
-uint64_t cryptoCalls();
 
 }  // namespace tessel::bench

@@ -131,8 +131,6 @@ class Router {
   /// Whether the agent is there: its entities and its data plane, and but for the moment in which
   /// it is made its machine.
   bool up() const { return running_ != nullptr && running_->dataPlane != nullptr; }
-  /// How often it was started.
-  uint64_t starts() const { return starts_; }
 
   /// Runs `job` in the agent at the present time, behind what waits already; not at all when the
   /// agent is down or goes down before. A paused agent runs it when it is resumed.
