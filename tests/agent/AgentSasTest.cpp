@@ -1,6 +1,6 @@
 // The SAs of a data path that follows the machine's table: which one sends and receives, what the
 // counter table says, and the nonce word, while SAs come, are installed late, change and go.
-#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
