@@ -170,7 +170,9 @@ class Agent {
     const auto opened =
         sa != nullptr ? esp_.at(sa->key).transform.open(*packet) : EspTransform::Opened();
     if (opened.failure != EspTransform::Failure::none) {
-      std::printf("path %s: a packet dropped\n", path.name);
+      // Who has the other one's key first sends first.
+      const bool early = sas_.sendingSa(path.key) == nullptr;
+      std::printf("path %s: a packet %s\n", path.name, early ? "before there are SAs" : "dropped");
       return;
     }
     sas_.countReceived(*sa, opened.payload.size(), readEspNonce(opened.payload).value_or(0));
