@@ -2,6 +2,7 @@
 #include "lab/dataplane/DataPlane.h"
 
 #include <algorithm>
+#include <cmath>
 #include <stdexcept>
 #include <utility>
 
