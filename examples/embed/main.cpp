@@ -8,25 +8,27 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <list>
+#include <exception>
 #include <map>
 #include <random>
 
-#include "Esp.h"
-#include "KeyRecord.h"
-#include "UdpSocket.h"
 #include "host/agent/AgentEntities.h"
 #include "host/agent/AgentPaths.h"
+#include "host/agent/AgentSas.h"
+#include "host/agent/Esp.h"
+#include "host/agent/KeyRecord.h"
 #include "host/crypto/WipingMemory.h"
 #include "host/facility/Trace.h"
 #include "host/runtime/PollClock.h"
 #include "host/runtime/RealTime.h"
+#include "host/runtime/UdpSocket.h"
 #include "sm/TesselV1Sm.h"
 
 using namespace tessel;
 
 namespace {
+
+constexpr uint8_t kNoNextHeader = 59;  // A packet that carries none: a dummy (RFC 4303, 2.6).
 
 IpGenAddr routerId(uint32_t router) {
   return IpGenAddr::fromV4(0xC0000200 + router);  // 192.0.2.0/24
@@ -36,32 +38,21 @@ IpGenAddr underlay(uint32_t router) {
   return IpGenAddr::fromV4(0x7F000100 + router);  // 127.0.1.0/24
 }
 
-/// An SA in the data path.
-struct Sa {
-  explicit Sa(const Ptr<Ike::SecurityAssociation>& handedOver)
-      : entity(handedOver), inbound(isInSa(handedOver->saType())), esp(*handedOver) {
-    changes.attach<&Sa::handleChange>(*entity, *this);
-  }
-  void handleChange(const Change& change) {
-    if (change.is(Ike::SecurityAssociation::rekeyName)) {
-      nonceWord = entity->rekey() ? entity->nonce() : 0;
-    }
-  }
-
-  const Ptr<Ike::SecurityAssociation> entity;
-  const bool inbound;
-  Esp esp;
-  uint32_t nonceWord = 0;  // What its packets carry, network byte order.
-  Subscription changes;
+/// What moves the packets of one SA.
+struct Esp {
+  EspTransform transform;
+  uint32_t sequence = 0;  // The last one sent.
 };
 
 struct Path {
-  explicit Path(const PathDescription& path)
-      : description(path), socket(path.key.srcAddr, path.key.dstAddr, path.localPort) {}
+  Path(const ConnectionKey& pathKey, const char* pathName, uint16_t port)
+      : key(pathKey), name(pathName), socket(key.srcAddr, port) {
+    socket.peerIs(key.dstAddr, port);
+  }
 
-  const PathDescription description;
+  const ConnectionKey key;
+  const char* const name;
   UdpSocket socket;
-  std::list<Sa> sas;  // In the order of their hand-over.
   DynamicPathState state = DynamicPathState::none;
 };
 
@@ -71,12 +62,12 @@ class Agent {
       : peer_(routerId(peer)),
         scheduler_(makePtr<RealTimeScheduler>(time, "router-" + std::to_string(own))),
         entities_(time->clock()),
-        keySocket_(underlay(own), underlay(peer), 4600) {
+        keySocket_(underlay(own), 4600) {
     configure(routerId(own));
     localKey_.attach<&Agent::handleLocalKey>(*entities_.ipsecLocalKeyDir, *this);
-    saTable_.attach<&Agent::handleSaTable>(*entities_.tesselV1, *this);
     machine_ = Ipsec::tesselV1SmFactory(scheduler_, entities_);
     entities_.controllerStatus->connectedIs(true);
+    keySocket_.peerIs(underlay(peer), 4600);
     clock.readableIs(keySocket_.descriptor(), [this] { receiveRecord(); });
     addPath({0, underlay(own), underlay(peer), 1}, "internet", 4500, clock);
     addPath({0, underlay(own), underlay(peer), 2}, "mpls", 4501, clock);
@@ -102,30 +93,27 @@ class Agent {
   }
 
   void addPath(const ConnectionKey& key, const char* name, uint16_t port, PollClock& clock) {
-    const auto number = static_cast<uint32_t>(key.connId);
-    Path& path = paths_
-                     .try_emplace(key, PathDescription{.key = key,
-                                                       .peer = peer_,
-                                                       .name = name,
-                                                       .reqid = number,
-                                                       .index = number,
-                                                       .localPort = port,
-                                                       .remotePort = port})
-                     .first->second;
+    Path& path = paths_.try_emplace(key, key, name, port).first->second;
     clock.readableIs(path.socket.descriptor(), [this, &path] { receivePacket(path); });
-    agentPaths_.add(path.description);
+    agentPaths_.add({.key = key,
+                     .peer = peer_,
+                     .name = name,
+                     .reqid = static_cast<uint32_t>(key.connId),
+                     .localPort = port,
+                     .remotePort = port});
   }
 
   void handleLocalKey(const Change& change) {
     if (change.is(Controller::LocalKeyDir::updateVersionName)) {  // Written last.
       const auto record = publishedRecord(*entities_.ipsecLocalKeyDir);
-      record_ = record ? encode(*record) : Bytes();
+      record_ = record ? keyRecordBytes(*record) : Bytes();
     }
   }
 
   void receiveRecord() {
     const TraceContext context(scheduler_->name(), scheduler_->clock());
-    const auto record = decode(keySocket_.receive());
+    const auto datagram = keySocket_.receive();
+    const auto record = datagram ? readKeyRecord(*datagram) : std::nullopt;
     Controller::PeerKeyDir& directory = *entities_.ipsecPeerKeyDir;
     if (record && record->originatorId == peer_ &&
         record->rekeyCounter >= directory.ipsecPeerKeyInfo(peer_).rekeyCounter) {
@@ -133,97 +121,99 @@ class Agent {
     }
   }
 
-  void handleSaTable(const Change& change) {
-    const SecurityAssociationKey* const key = change.memberOf(IpsecCommon::TesselV1::saName);
-    if (key == nullptr) {
-      return;
-    }
-    if (change.kind() == Change::Kind::removed) {
-      for (auto& [pathKey, path] : paths_) {
-        path.sas.remove_if([&](const Sa& sa) { return sa.entity->sakey() == *key; });
-      }
-      counters().saCounterEntryDel(*key);
-      std::printf("SA %s: removed\n", spiText(key->spi).c_str());
-      return;
-    }
-    Path& path = paths_.at(entities_.tesselV1->cpSa(*key));
-    const Sa& sa = path.sas.emplace_back(*entities_.tesselV1->sa().find(*key));
-    counters().saCounterEntryIs(*key).addTime =
-        static_cast<uint64_t>(scheduler_->clock().utcTime().seconds());
-    std::printf("SA %s %s: installed on %s\n", spiText(key->spi).c_str(), sa.inbound ? "in" : "out",
-                path.description.name.c_str());
+  void install(const AgentSa& sa) {
+    const auto use = sa.inbound ? EspTransform::Use::open : EspTransform::Use::seal;
+    esp_.try_emplace(sa.key, Esp{EspTransform(sa.attributes(), use)});
+    sas_.installedIs(sa);
+    std::printf("SA %s %s: installed on %s\n", spiText(sa.key.spi).c_str(),
+                sa.inbound ? "in" : "out", paths_.at(sa.path).name);
+  }
+
+  void uninstall(const AgentSa& sa) {
+    esp_.erase(sa.key);
+    std::printf("SA %s: removed\n", spiText(sa.key.spi).c_str());
   }
 
   void handleTick() {
     tick_->scheduleTaskDelay(seconds(0.25));
-    keySocket_.send(record_);  // Again and again: datagrams get lost.
+    if (!record_.empty()) {
+      keySocket_.send(record_);  // Again and again: datagrams get lost.
+    }
     for (auto& [key, path] : paths_) {
       sendProbe(path);
       showState(path);
     }
   }
 
-  /// A probe is the nonce word, 0 for none, and a text.
+  /// A probe is a dummy packet that carries the nonce word of a rekey, while there is one.
   void sendProbe(Path& path) {
-    const auto sa = std::find_if(path.sas.rbegin(), path.sas.rend(),
-                                 [](const Sa& each) { return !each.inbound; });
-    if (sa != path.sas.rend()) {
-      Bytes probe = {0, 0, 0, 0, 'p', 'r', 'o', 'b', 'e'};
-      std::memcpy(probe.data(), &sa->nonceWord, sizeof sa->nonceWord);
-      path.socket.send(sa->esp.seal(probe));
-      count(*sa, probe.size());
-      ++counters().sessionCounterEntryIs(path.description.reqid).pktsOut;
+    const AgentSa* const sa = sas_.sendingSa(path.key);
+    if (sa == nullptr) {
+      return;
     }
+    const auto nonce = espNonceBytes(sa->nonceWord());
+    const BytesView inside = sa->nonceWord() != 0 ? BytesView(nonce) : BytesView();
+    Esp& esp = esp_.at(sa->key);
+    Bytes packet(esp.transform.sealedSize(inside.size()));
+    esp.transform.seal(sa->key.spi, ++esp.sequence, {}, inside, kNoNextHeader, packet);
+    path.socket.send(packet);
+    sas_.countSent(*sa, inside.size());
   }
 
   void receivePacket(Path& path) {
-    const Bytes packet = path.socket.receive();
-    const auto sa = std::find_if(path.sas.begin(), path.sas.end(), [&](const Sa& each) {
-      return each.inbound && Esp::spiOf(packet) == each.entity->sakey().spi;
-    });
-    const auto payload = sa == path.sas.end() ? std::nullopt : sa->esp.open(packet);
-    uint32_t nonceWord = 0;
-    if (!payload || payload->size() < sizeof nonceWord) {
-      std::printf("path %s: a packet dropped\n", path.description.name.c_str());
+    const auto packet = path.socket.receive();
+    if (!packet) {
       return;
     }
-    std::memcpy(&nonceWord, payload->data(), sizeof nonceWord);
-    auto& entry = count(*sa, payload->size());
-    entry.nonceWord = nonceWord != 0 ? ntohl(nonceWord) : entry.nonceWord;
-    ++counters().sessionCounterEntryIs(path.description.reqid).pktsIn;
-  }
-
-  IpsecCounters::IpsecSACounterEntry& count(const Sa& sa, size_t bytes) {
-    auto& entry = counters().saCounterEntryIs(sa.entity->sakey());
-    ++entry.pkts;
-    entry.bytes += bytes;
-    return entry;
+    const auto header = readEspHeader(*packet);
+    const AgentSa* const sa = header ? sas_.receivingSa(path.key, header->spi) : nullptr;
+    const auto opened =
+        sa != nullptr ? esp_.at(sa->key).transform.open(*packet) : EspTransform::Opened();
+    if (opened.failure != EspTransform::Failure::none) {
+      // Who has the other one's key first sends first.
+      const bool early = sas_.sendingSa(path.key) == nullptr;
+      std::printf("path %s: a packet %s\n", path.name, early ? "before there are SAs" : "dropped");
+      return;
+    }
+    sas_.countReceived(*sa, opened.payload.size(), readEspNonce(opened.payload).value_or(0));
   }
 
   void showState(Path& path) {
     const auto peer = entities_.ipsecStatus->ipsecPeerConnectionState(peer_);
-    const auto seen = peer ? peer->pathConnState(path.description.key) : nullptr;
+    const auto seen = peer ? peer->pathConnState(path.key) : nullptr;
     const DynamicPathState state = seen ? seen->pathState() : DynamicPathState::none;
     if (state != path.state) {
-      std::printf("path %s: %s -> %s\n", path.description.name.c_str(),
-                  stringValue(path.state).c_str(), stringValue(state).c_str());
+      std::printf("path %s: %s -> %s\n", path.name, stringValue(path.state).c_str(),
+                  stringValue(state).c_str());
       path.state = state;
     }
   }
-
-  IpsecCounters::IpsecCounterTable& counters() { return *entities_.ipsecCounterTable; }
 
   const IpGenAddr peer_;
   const Ptr<RealTimeScheduler> scheduler_;
   const AgentEntities entities_;
   AgentPaths agentPaths_{entities_};
   std::map<ConnectionKey, Path> paths_;
+  std::map<SecurityAssociationKey, Esp> esp_;
+  AgentSas sas_{entities_, [this](const auto& sa) { install(*sa); },
+                [this](const auto& sa) { uninstall(*sa); }};
   UdpSocket keySocket_;
   Bytes record_;  // As published; empty while there is none.
-  Subscription localKey_, saTable_;
+  Subscription localKey_;
   const Ptr<TimerTask> tick_ = makePtr<TimerTask>(scheduler_, 3, "tick");
   Ptr<Ipsec::TesselV1Sm> machine_;  // Last: it goes before what it watches.
 };
+
+/// Runs an agent until standard input has something to read, or has ended.
+void run(uint32_t own, uint32_t peer) {
+  srandom(std::random_device()());  // Or all routers would rekey in step.
+  auto clock = std::make_unique<PollClock>();
+  PollClock& descriptors = *clock;
+  const auto time = makePtr<RealTime>(std::move(clock));
+  descriptors.readableIs(STDIN_FILENO, [&] { time->stop(); });
+  const Agent agent(time, descriptors, own, peer);
+  time->run();
+}
 
 }  // namespace
 
@@ -235,11 +225,10 @@ int main(int argc, char** argv) {
     return 2;
   }
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
-  srandom(std::random_device()());  // Or all routers would rekey in step.
-  auto clock = std::make_unique<PollClock>();
-  PollClock& descriptors = *clock;
-  const auto time = makePtr<RealTime>(std::move(clock));
-  descriptors.readableIs(STDIN_FILENO, [&] { time->stop(); });
-  const Agent agent(time, descriptors, static_cast<uint32_t>(own), static_cast<uint32_t>(peer));
-  time->run();
+  try {
+    run(static_cast<uint32_t>(own), static_cast<uint32_t>(peer));
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "embed: %s\n", error.what());  // A port that is taken, say.
+    return 1;
+  }
 }

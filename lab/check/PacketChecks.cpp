@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
-#include "lab/net/ByteOrder.h"
+#include "host/model/ByteOrder.h"
 #include "lab/net/UdpPacket.h"
 #include "lab/run/Lab.h"
 

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "lab/net/ByteOrder.h"
+#include "host/model/ByteOrder.h"
 #include "lab/run/LabRandom.h"
 #include "sm/LocalKey.h"
 

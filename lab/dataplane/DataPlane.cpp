@@ -2,9 +2,12 @@
 #include "lab/dataplane/DataPlane.h"
 
 #include <algorithm>
+#include <cmath>
 #include <stdexcept>
 #include <utility>
 
+#include "host/crypto/RandomSource.h"
+#include "host/model/ByteOrder.h"
 #include "lab/dataplane/DataPlaneSa.h"
 
 namespace tessel::lab {
@@ -31,6 +34,19 @@ std::string whyUnusable(const Ike::SecurityAssociation& sa) {
   }
   return {};
 }
+
+/// What the mutant with repeated IVs draws them from: 0, 1, 2...
+class CountingSource final : public RandomSource {
+ public:
+  bool fill(std::span<uint8_t> out) override {
+    std::ranges::fill(out, uint8_t{0});
+    put64(out.data(), next_++);
+    return true;
+  }
+
+ private:
+  uint64_t next_ = 0;
+};
 
 }  // namespace
 
@@ -198,7 +214,8 @@ void DataPlane::install(Sa& sa) {
 /// What mutants do to an SA in the moment of its installation.
 void DataPlane::misinstall(Sa& sa) {
   if (mutant_ == Mutant::restartsIv) {
-    sa.transform->restartIv();
+    sa.transform.emplace(*sa.entity, sa.inbound ? EspTransform::Use::open : EspTransform::Use::seal,
+                         makePtr<CountingSource>());
   } else if (mutant_ == Mutant::wrongKey && !sa.inbound) {
     Bytes key(sa.entity->cryptoKey().view().begin(), sa.entity->cryptoKey().view().end());
     key[0] ^= 1U;

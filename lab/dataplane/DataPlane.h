@@ -49,9 +49,11 @@
 #include "lab/net/UdpPacket.h"
 #include "lab/scenario/Mutant.h"
 
-namespace tessel::lab {
-
+namespace tessel {
 struct EspHeader;
+}  // namespace tessel
+
+namespace tessel::lab {
 
 /// How the installation of one SA goes.
 struct InstallPlan {

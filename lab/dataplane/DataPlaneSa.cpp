@@ -1,26 +1,11 @@
 #include "lab/dataplane/DataPlaneSa.h"
 
 #include <algorithm>
-#include <array>
-#include <cstring>
-
-#include "lab/net/ByteOrder.h"
 
 namespace tessel::lab {
 namespace {
 
 constexpr size_t kRememberedSas = 16;
-
-/// The word that an SA asks the data path to carry, in host byte order; 0 = none.
-uint32_t nonceWordOf(const Ike::SecurityAssociation& sa) {
-  if (!sa.rekey()) {
-    return 0;
-  }
-  std::array<uint8_t, 4> wire{};
-  const uint32_t nonce = sa.nonce();
-  std::memcpy(wire.data(), &nonce, wire.size());  // It is in network byte order already.
-  return get32(wire.data());
-}
 
 bool isCipherAttribute(const Change& change) {
   using Sa = Ike::SecurityAssociation;
@@ -48,7 +33,7 @@ void DataPlane::Sa::handleEntity(const Change& change) {
 
 void DataPlane::Sa::takeNonce() {
   if (!inbound) {
-    nonceWord = nonceWordOf(*entity);
+    nonceWord = espNonceOf(*entity);
     nonceTold = false;
   }
 }

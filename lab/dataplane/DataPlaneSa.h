@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "host/agent/Esp.h"
 #include "lab/dataplane/DataPlane.h"
-#include "lab/dataplane/Esp.h"
 
 namespace tessel::lab {
 

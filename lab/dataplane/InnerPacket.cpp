@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 
-#include "lab/net/ByteOrder.h"
+#include "host/model/ByteOrder.h"
 
 namespace tessel::lab {
 namespace {

@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "lab/net/ByteOrder.h"
+#include "host/model/ByteOrder.h"
 
 namespace tessel::lab {
 namespace {

@@ -7,7 +7,7 @@
 
 #include <fmt/format.h>
 
-#include "lab/net/ByteOrder.h"
+#include "host/model/ByteOrder.h"
 
 namespace tessel::lab {
 namespace {

@@ -3,7 +3,7 @@
 #include <bit>
 #include <set>
 
-#include "lab/dataplane/Esp.h"
+#include "host/agent/Esp.h"
 #include "lab/net/Link.h"
 #include "tests/dataplane/TestSas.h"
 

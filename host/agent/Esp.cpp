@@ -1,16 +1,16 @@
-#include "lab/dataplane/Esp.h"
+#include "host/agent/Esp.h"
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <stdexcept>
 #include <utility>
 
 #include <openssl/crypto.h>
 
-#include "host/crypto/RandomSource.h"
-#include "lab/net/ByteOrder.h"
+#include "host/model/ByteOrder.h"
 
-namespace tessel::lab {
+namespace tessel {
 namespace {
 
 constexpr size_t kTrailerSize = 2;  // Pad length and next header.
@@ -46,12 +46,6 @@ constexpr uint16_t kMinTruncBits = 64;
 void require(bool done, const char* what) {
   if (!done) {
     throw std::runtime_error(std::string("ESP: libcrypto failed to ") + what);
-  }
-}
-
-void fillRandom(std::span<uint8_t> out) {
-  if (!RandomSource::current()->fill(out)) {
-    throw std::runtime_error("ESP: the random source failed");
   }
 }
 
@@ -98,7 +92,8 @@ uint64_t digestKeys(const Ike::SecurityAssociation& sa, bool withIntegrity) {
 
 }  // namespace
 
-EspTransform::EspTransform(const Ike::SecurityAssociation& sa, Use use) {
+EspTransform::EspTransform(const Ike::SecurityAssociation& sa, Use use, Ptr<RandomSource> random)
+    : random_(std::move(random)) {
   const bool seal = use == Use::seal;
   const std::string& algorithm = sa.cryptoAlgo();
   if (sa.cryptoKey().size() * 8 != sa.cryptoKeyLen()) {
@@ -119,6 +114,16 @@ EspTransform::EspTransform(const Ike::SecurityAssociation& sa, Use use) {
     refuse("cryptoAlgo", '"' + algorithm + '"', "no such algorithm");
   }
   keyTag_ = digestKeys(sa, hmac_.has_value());
+}
+
+EspTransform::~EspTransform() = default;
+EspTransform::EspTransform(EspTransform&& other) noexcept = default;
+EspTransform& EspTransform::operator=(EspTransform&& other) noexcept = default;
+
+void EspTransform::fillRandom(std::span<uint8_t> out) {
+  if (!random_->fill(out)) {
+    throw std::runtime_error("ESP: the random source failed");
+  }
 }
 
 void EspTransform::initGcm(const Ike::SecurityAssociation& sa, bool seal) {
@@ -202,10 +207,6 @@ void EspTransform::seal(uint32_t spi, uint32_t sequence, BytesView inner, BytesV
   if (cipher_) {
     const std::span<uint8_t> iv = out.subspan(kEspHeaderSize, ivSize_);
     fillRandom(iv);
-    if (countsIvs_) {
-      std::ranges::fill(iv, uint8_t{0});
-      put64(iv.data(), ivCounter_++);
-    }
     require(EVP_CipherInit_ex2(cipher_.get(), nullptr, nullptr, iv.data(), 1, nullptr) == 1 &&
                 crypt(cipher_.get(), text),
             "encrypt");
@@ -315,6 +316,16 @@ void ReplayWindow::accept(uint32_t sequence) {
   seen_ |= uint64_t{1} << (highest_ - sequence);
 }
 
+uint32_t espNonceOf(const Ike::SecurityAssociation& sa) {
+  if (!sa.rekey()) {
+    return 0;
+  }
+  std::array<uint8_t, sizeof(uint32_t)> wire{};
+  const uint32_t nonce = sa.nonce();
+  std::memcpy(wire.data(), &nonce, wire.size());  // It is in network byte order already.
+  return get32(wire.data());
+}
+
 std::array<uint8_t, kEspNonceSize> espNonceBytes(uint32_t nonceWord) {
   std::array<uint8_t, kEspNonceSize> bytes{};
   std::copy(kNonceMark.begin(), kNonceMark.end(), bytes.begin());
@@ -338,4 +349,4 @@ std::optional<EspHeader> readEspHeader(BytesView esp) {
   return header.spi == 0 ? std::nullopt : std::optional(header);  // 0 marks IKE in UDP.
 }
 
-}  // namespace tessel::lab
+}  // namespace tessel
