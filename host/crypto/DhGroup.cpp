@@ -43,7 +43,7 @@ SecretBytes DhGroup::randomPrivateKey() const {
 }
 
 libcrypto::BigNum DhGroup::privateNumber(BytesView key) const {
-  libcrypto::BigNum number = numberOf(key);
+  libcrypto::BigNum number(BN_bin2bn(key.data(), static_cast<int>(key.size()), nullptr));
   if (!number || BN_is_zero(number.get()) || BN_cmp(number.get(), order_.get()) >= 0) {
     return nullptr;
   }
@@ -57,10 +57,6 @@ void DhGroup::sizesAre(size_t publicKeyLen, size_t sharedSecretLen, int privateK
   sharedSecretLen_ = sharedSecretLen;
   privateKeyBits_ = privateKeyBits;
   order_ = std::move(order);
-}
-
-libcrypto::BigNum numberOf(BytesView bytes) {
-  return libcrypto::BigNum(BN_bin2bn(bytes.data(), static_cast<int>(bytes.size()), nullptr));
 }
 
 }  // namespace tessel

@@ -1,9 +1,10 @@
-// DhGroup: the parameters of one Diffie-Hellman group and the arithmetic in it.
+// DhGroup: the parameters of one Diffie-Hellman group, and the arithmetic in it.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <utility>
 
 #include "host/crypto/IpsecDHGeneral.h"
 #include "host/crypto/Libcrypto.h"
@@ -11,11 +12,38 @@
 
 namespace tessel {
 
-/// A group, made once per process, immutable and shared by all key pairs and threads. Its
-/// arithmetic goes straight to libcrypto's numbers and points instead of its key objects: that
-/// leaves the checks of a peer's key to us (a key object repeats them with a second exponentiation
-/// for MODP) and is faster by a tenth for ECP 19. Every operation on a private key takes constant
-/// time.
+/// Arithmetic in a group with one private key and the key of one peer at a time. It goes straight
+/// to libcrypto's numbers and points instead of its key objects: that leaves the checks of a peer's
+/// key to us (a key object repeats them with a second exponentiation for MODP) and is faster by a
+/// tenth for ECP 19. What it computes with is allocated once and wiped when it is released. Every
+/// operation on the private key takes constant time. Not for several threads at once.
+class DhComputation {
+ public:
+  virtual ~DhComputation() = default;
+  DhComputation(const DhComputation&) = delete;
+  DhComputation& operator=(const DhComputation&) = delete;
+
+  /// Our private key, as `DhGroup::privateNumber` makes it. The others need one.
+  void privateNumberIs(libcrypto::BigNum number) { privateNumber_ = std::move(number); }
+
+  /// The public key of our private one. False when libcrypto fails.
+  virtual bool publicKey(Bytes* out) = 0;
+  /// Takes a public key if it is one that a peer may send: exact length, and an element of the
+  /// group that is safe to compute with. After a key that is not, none is set.
+  virtual bool setPeerKey(BytesView key) = 0;
+  /// The secret shared with the peer whose key is set, padded to its full length. False without a
+  /// peer's key and when libcrypto fails.
+  virtual bool sharedSecret(SecretBytes* out) = 0;
+
+ protected:
+  DhComputation() = default;
+  const BIGNUM* privateNumber() const { return privateNumber_.get(); }
+
+ private:
+  libcrypto::BigNum privateNumber_;
+};
+
+/// A group, made once per process, immutable and shared by all key pairs and threads.
 class DhGroup {
  public:
   virtual ~DhGroup() = default;
@@ -39,15 +67,8 @@ class DhGroup {
   /// The number of a private key, null unless it lies in [1, order - 1].
   libcrypto::BigNum privateNumber(BytesView key) const;
 
-  /// Whether a public key is one that a peer may send: exact length, and an element of the group
-  /// that is safe to compute with.
-  virtual bool isPublicKeyValid(BytesView key) const = 0;
-  /// The public key of a private one. False when libcrypto fails.
-  virtual bool publicKey(const BIGNUM* privateKey, Bytes* out) const = 0;
-  /// The shared secret, padded to its full length. `peerKey` must be valid. False when libcrypto
-  /// fails.
-  virtual bool sharedSecret(const BIGNUM* privateKey, BytesView peerKey,
-                            SecretBytes* out) const = 0;
+  /// Null when memory is short.
+  virtual std::unique_ptr<DhComputation> computation() const = 0;
 
  protected:
   DhGroup() = default;
@@ -66,8 +87,5 @@ class DhGroup {
 /// The group of that kind with that IANA number; null when there is none that can be used.
 std::unique_ptr<DhGroup> makeModpGroup(DhGroupNum number);
 std::unique_ptr<DhGroup> makeEcpGroup(DhGroupNum number);
-
-/// The number of big-endian bytes; null when memory is short.
-libcrypto::BigNum numberOf(BytesView bytes);
 
 }  // namespace tessel

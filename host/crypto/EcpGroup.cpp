@@ -1,6 +1,8 @@
 // The ECP groups: multiplication of points of the NIST curves.
+#include <memory>
 #include <utility>
 
+#include <openssl/err.h>
 #include <openssl/obj_mac.h>
 
 #include "host/crypto/DhGroup.h"
@@ -12,7 +14,6 @@ using libcrypto::BigNum;
 using libcrypto::BigNumContext;
 using libcrypto::Curve;
 using libcrypto::CurvePoint;
-using libcrypto::MontgomeryContext;
 
 int curveOf(DhGroupNum number) {
   switch (number) {
@@ -27,72 +28,47 @@ int curveOf(DhGroupNum number) {
   }
 }
 
-/// y^2 = x^3 + ax + b over a prime field, with a cofactor of 1: every point but the point at
-/// infinity, which has no encoding here, is as good as the generator.
-class EcpGroup final : public DhGroup {
+class EcpComputation final : public DhComputation {
  public:
-  explicit EcpGroup(int curve)
-      : curve_(EC_GROUP_new_by_curve_name(curve)),
-        prime_(BN_new()),
-        a_(BN_new()),
-        b_(BN_new()),
-        montgomery_(BN_MONT_CTX_new()) {
-    const BigNumContext scratch(BN_CTX_new());
-    BigNum order(BN_new());
-    if (!curve_ || !prime_ || !a_ || !b_ || !montgomery_ || !scratch || !order ||
-        EC_GROUP_get_curve(curve_.get(), prime_.get(), a_.get(), b_.get(), scratch.get()) != 1 ||
-        EC_GROUP_get_order(curve_.get(), order.get(), scratch.get()) != 1 ||
-        BN_MONT_CTX_set(montgomery_.get(), prime_.get(), scratch.get()) != 1 ||
-        !toMontgomery(a_, scratch) || !toMontgomery(b_, scratch)) {
-      return;
-    }
-    const int bits = BN_num_bits(order.get());
-    const auto coordinateLen = static_cast<size_t>(BN_num_bytes(prime_.get()));
-    sizesAre(2 * coordinateLen, coordinateLen, bits, std::move(order));
-  }
+  EcpComputation(const EC_GROUP* curve, const BIGNUM* prime)
+      : curve_(curve),
+        prime_(prime),
+        scratch_(BN_CTX_new()),
+        peer_(EC_POINT_new(curve)),
+        product_(EC_POINT_new(curve)),
+        x_(BN_new()),
+        y_(BN_new()) {}
 
-  bool isPublicKeyValid(BytesView key) const override {
-    if (key.size() != publicKeyLen()) {
-      return false;
-    }
-    const BigNum x = numberOf(key.first(sharedSecretLen()));
-    const BigNum y = numberOf(key.last(sharedSecretLen()));
-    return x && y && BN_cmp(x.get(), prime_.get()) < 0 && BN_cmp(y.get(), prime_.get()) < 0 &&
-           isOnCurve(x, y);
-  }
+  bool isComplete() const { return scratch_ && peer_ && product_ && x_ && y_; }
 
-  bool publicKey(const BIGNUM* privateKey, Bytes* out) const override {
-    const BigNumContext scratch(BN_CTX_new());
-    const CurvePoint point(EC_POINT_new(curve_.get()));
-    const BigNum x(BN_new());
-    const BigNum y(BN_new());
-    Bytes key(publicKeyLen());
-    if (!scratch || !point || !x || !y ||
-        EC_POINT_mul(curve_.get(), point.get(), privateKey, nullptr, nullptr, scratch.get()) != 1 ||
-        EC_POINT_get_affine_coordinates(curve_.get(), point.get(), x.get(), y.get(),
-                                        scratch.get()) != 1 ||
-        !putCoordinate(x, key.data()) || !putCoordinate(y, key.data() + sharedSecretLen())) {
+  bool publicKey(Bytes* out) override {
+    Bytes key(2 * coordinateLen());
+    if (EC_POINT_mul(curve_, product_.get(), privateNumber(), nullptr, nullptr, scratch_.get()) !=
+            1 ||
+        EC_POINT_get_affine_coordinates(curve_, product_.get(), x_.get(), y_.get(),
+                                        scratch_.get()) != 1 ||
+        !putCoordinate(x_, key.data()) || !putCoordinate(y_, key.data() + coordinateLen())) {
       return false;
     }
     *out = std::move(key);
     return true;
   }
 
-  bool sharedSecret(const BIGNUM* privateKey, BytesView peerKey, SecretBytes* out) const override {
-    const BigNumContext scratch(BN_CTX_new());
-    const CurvePoint point(EC_POINT_new(curve_.get()));
-    const CurvePoint product(EC_POINT_new(curve_.get()));
-    const BigNum x = numberOf(peerKey.first(sharedSecretLen()));
-    const BigNum y = numberOf(peerKey.last(sharedSecretLen()));
-    SecretBytes secret(sharedSecretLen());
-    if (!scratch || !point || !product || !x || !y ||
-        EC_POINT_set_affine_coordinates(curve_.get(), point.get(), x.get(), y.get(),
-                                        scratch.get()) != 1 ||
-        EC_POINT_mul(curve_.get(), product.get(), nullptr, point.get(), privateKey,
-                     scratch.get()) != 1 ||
-        EC_POINT_get_affine_coordinates(curve_.get(), product.get(), x.get(), nullptr,
-                                        scratch.get()) != 1 ||
-        !putCoordinate(x, secret.data())) {
+  bool setPeerKey(BytesView key) override {
+    peerKeySet_ = key.size() == 2 * coordinateLen() &&
+                  readCoordinate(key.first(coordinateLen()), x_) &&
+                  readCoordinate(key.last(coordinateLen()), y_) && setPeerPoint();
+    return peerKeySet_;
+  }
+
+  bool sharedSecret(SecretBytes* out) override {
+    SecretBytes secret(coordinateLen());
+    if (!peerKeySet_ ||
+        EC_POINT_mul(curve_, product_.get(), nullptr, peer_.get(), privateNumber(),
+                     scratch_.get()) != 1 ||
+        EC_POINT_get_affine_coordinates(curve_, product_.get(), x_.get(), nullptr,
+                                        scratch_.get()) != 1 ||
+        !putCoordinate(x_, secret.data())) {
       return false;
     }
     *out = std::move(secret);
@@ -100,40 +76,61 @@ class EcpGroup final : public DhGroup {
   }
 
  private:
-  bool toMontgomery(const BigNum& number, const BigNumContext& scratch) const {
-    return BN_to_montgomery(number.get(), number.get(), montgomery_.get(), scratch.get()) == 1;
-  }
+  size_t coordinateLen() const { return static_cast<size_t>(BN_num_bytes(prime_)); }
 
-  /// a = a * b in the field, in Montgomery form.
-  bool multiply(const BigNum& a, const BigNum& b, const BigNumContext& scratch) const {
-    return BN_mod_mul_montgomery(a.get(), a.get(), b.get(), montgomery_.get(), scratch.get()) == 1;
-  }
-
-  bool add(const BigNum& a, const BigNum& b) const {
-    return BN_mod_add_quick(a.get(), a.get(), b.get(), prime_.get()) == 1;
-  }
-
-  /// Whether y^2 = (x^2 + a) * x + b. Overwrites `y`.
-  bool isOnCurve(const BigNum& x, const BigNum& y) const {
-    const BigNumContext scratch(BN_CTX_new());
-    if (!scratch || !toMontgomery(x, scratch) || !toMontgomery(y, scratch)) {
-      return false;
-    }
-    const BigNum right(BN_dup(x.get()));
-    return right && multiply(right, x, scratch) && add(right, a_) && multiply(right, x, scratch) &&
-           add(right, b_) && multiply(y, y, scratch) && BN_cmp(y.get(), right.get()) == 0;
+  bool readCoordinate(BytesView bytes, const BigNum& out) const {
+    return BN_bin2bn(bytes.data(), static_cast<int>(bytes.size()), out.get()) != nullptr &&
+           BN_cmp(out.get(), prime_) < 0;
   }
 
   bool putCoordinate(const BigNum& number, uint8_t* out) const {
-    return BN_bn2binpad(number.get(), out, static_cast<int>(sharedSecretLen())) > 0;
+    return BN_bn2binpad(number.get(), out, static_cast<int>(coordinateLen())) > 0;
   }
 
+  /// Sets the point at (x, y) if it lies on the curve. What a peer sends leaves no error behind for
+  /// others who use libcrypto in this thread.
+  bool setPeerPoint() {
+    ERR_set_mark();
+    const bool isOnCurve = EC_POINT_set_affine_coordinates(curve_, peer_.get(), x_.get(), y_.get(),
+                                                           scratch_.get()) == 1;
+    ERR_pop_to_mark();
+    return isOnCurve;
+  }
+
+  const EC_GROUP* curve_;
+  const BIGNUM* prime_;
+  BigNumContext scratch_;
+  CurvePoint peer_;
+  CurvePoint product_;
+  BigNum x_;
+  BigNum y_;
+  bool peerKeySet_ = false;
+};
+
+/// A curve over a prime field with a cofactor of 1: every point but the point at infinity, which
+/// has no encoding here, is as good as the generator.
+class EcpGroup final : public DhGroup {
+ public:
+  explicit EcpGroup(int curve) : curve_(EC_GROUP_new_by_curve_name(curve)), prime_(BN_new()) {
+    BigNum order(BN_new());
+    if (!curve_ || !prime_ || !order ||
+        EC_GROUP_get_curve(curve_.get(), prime_.get(), nullptr, nullptr, nullptr) != 1 ||
+        EC_GROUP_get_order(curve_.get(), order.get(), nullptr) != 1) {
+      return;
+    }
+    const int bits = BN_num_bits(order.get());
+    const auto coordinateLen = static_cast<size_t>(BN_num_bytes(prime_.get()));
+    sizesAre(2 * coordinateLen, coordinateLen, bits, std::move(order));
+  }
+
+  std::unique_ptr<DhComputation> computation() const override {
+    auto made = std::make_unique<EcpComputation>(curve_.get(), prime_.get());
+    return made->isComplete() ? std::move(made) : nullptr;
+  }
+
+ private:
   Curve curve_;
   BigNum prime_;
-  // The curve's coefficients in Montgomery form.
-  BigNum a_;
-  BigNum b_;
-  MontgomeryContext montgomery_;
 };
 
 }  // namespace

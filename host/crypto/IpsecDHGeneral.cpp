@@ -1,17 +1,23 @@
 #include "host/crypto/IpsecDHGeneral.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "host/crypto/DhGroup.h"
 
 namespace tessel {
 
+IpsecDHGeneral::IpsecDHGeneral(DhGroupNum group) : groupNum_(group) {}
+
+IpsecDHGeneral::~IpsecDHGeneral() = default;
+
 bool IpsecDHGeneral::initIpsecDH() {
   group_ = DhGroup::find(groupNum_);
+  computation_ = group_ != nullptr ? group_->computation() : nullptr;
   privateKey_ = SecretBytes();
   publicKey_.clear();
-  peerPublicKey_.clear();
-  return group_ != nullptr;
+  peerKeySet_ = false;
+  return computation_ != nullptr;
 }
 
 bool IpsecDHGeneral::getMyPublicKey(Bytes* key) {
@@ -31,56 +37,51 @@ bool IpsecDHGeneral::getMyPrivateKey(SecretBytes* key) {
 }
 
 bool IpsecDHGeneral::setMyPrivateKey(const SecretBytes& key, BytesView publicKey) {
-  if (group_ == nullptr || !group_->privateNumber(key.view()) ||
-      (!publicKey.empty() && publicKey.size() != group_->publicKeyLen())) {
+  if (!computation_ || (!publicKey.empty() && publicKey.size() != group_->publicKeyLen())) {
     return false;
   }
   const bool known = key.size() == privateKey_.size() &&
                      CRYPTO_memcmp(key.data(), privateKey_.data(), key.size()) == 0;
-  if (!known) {
-    privateKey_ = key;
+  if (!known || key.empty()) {
+    if (!takePrivateKey(key)) {
+      return false;
+    }
     publicKey_.clear();
   }
   if (publicKey_.empty()) {
     publicKey_.assign(publicKey.begin(), publicKey.end());
   }
-  peerPublicKey_.clear();
+  peerKeySet_ = false;
   return true;
 }
 
 bool IpsecDHGeneral::setPeerPublicKey(BytesView key) {
-  peerPublicKey_.clear();
-  if (group_ == nullptr || !group_->isPublicKeyValid(key) || !ensurePublicKey() || isOwnKey(key)) {
-    return false;
-  }
-  peerPublicKey_.assign(key.begin(), key.end());
-  return true;
+  peerKeySet_ =
+      computation_ && computation_->setPeerKey(key) && ensurePublicKey() && !isOwnKey(key);
+  return peerKeySet_;
 }
 
 bool IpsecDHGeneral::getSharedSecret(SecretBytes* secret) {
-  if (peerPublicKey_.empty()) {
-    return false;
-  }
-  const libcrypto::BigNum privateNumber = group_->privateNumber(privateKey_.view());
-  return privateNumber && group_->sharedSecret(privateNumber.get(), peerPublicKey_, secret);
+  return peerKeySet_ && computation_->sharedSecret(secret);
 }
 
 bool IpsecDHGeneral::ensurePrivateKey() {
-  if (privateKey_.empty() && group_ != nullptr) {
-    privateKey_ = group_->randomPrivateKey();
-  }
-  return !privateKey_.empty();
+  return !privateKey_.empty() || (computation_ && takePrivateKey(group_->randomPrivateKey()));
 }
 
 bool IpsecDHGeneral::ensurePublicKey() {
-  if (!publicKey_.empty()) {
-    return true;
-  }
-  if (!ensurePrivateKey()) {
+  return !publicKey_.empty() || (ensurePrivateKey() && computation_->publicKey(&publicKey_));
+}
+
+/// False for what is no private key of the group; nothing changes then.
+bool IpsecDHGeneral::takePrivateKey(const SecretBytes& key) {
+  libcrypto::BigNum number = group_->privateNumber(key.view());
+  if (!number) {
     return false;
   }
-  const libcrypto::BigNum privateNumber = group_->privateNumber(privateKey_.view());
-  return privateNumber && group_->publicKey(privateNumber.get(), &publicKey_);
+  computation_->privateNumberIs(std::move(number));
+  privateKey_ = key;
+  return true;
 }
 
 bool IpsecDHGeneral::isOwnKey(BytesView peerKey) const {

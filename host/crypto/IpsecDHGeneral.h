@@ -1,12 +1,15 @@
 // IpsecDHGeneral: one side of a Diffie-Hellman exchange in the encodings of IKEv2.
 #pragma once
 
+#include <memory>
+
 #include "host/facility/Export.h"
 #include "host/model/Bytes.h"
 #include "host/model/Enumerations.h"
 
 namespace tessel {
 
+class DhComputation;
 class DhGroup;
 
 /// Our own key pair in a group, and the key of one peer at a time.
@@ -24,7 +27,8 @@ class DhGroup;
 /// Private key and secrets are wiped when they are released. Not safe for several threads at once.
 class TESSEL_API IpsecDHGeneral {
  public:
-  explicit IpsecDHGeneral(DhGroupNum group) : groupNum_(group) {}
+  explicit IpsecDHGeneral(DhGroupNum group);
+  ~IpsecDHGeneral();
 
   /// Gets ready for a fresh key pair and forgets the keys held before. The pair is drawn from the
   /// process's `RandomSource` when it is asked for first, so an object that is given a private key
@@ -59,13 +63,15 @@ class TESSEL_API IpsecDHGeneral {
  private:
   bool ensurePrivateKey();
   bool ensurePublicKey();
+  bool takePrivateKey(const SecretBytes& key);
   bool isOwnKey(BytesView peerKey) const;
 
   DhGroupNum groupNum_;
   const DhGroup* group_ = nullptr;
   SecretBytes privateKey_;
   Bytes publicKey_;
-  Bytes peerPublicKey_;
+  std::unique_ptr<DhComputation> computation_;
+  bool peerKeySet_ = false;
 };
 
 }  // namespace tessel

@@ -1,5 +1,6 @@
 // The MODP groups: exponentiation modulo a prime.
 #include <array>
+#include <memory>
 #include <utility>
 
 #include "host/crypto/DhGroup.h"
@@ -59,51 +60,44 @@ BigNum numberOfHex(const char* hex) {
   return BigNum(number);
 }
 
-class ModpGroup final : public DhGroup {
+struct ModpParameters {
+  bool safePrime;
+  BigNum prime{};
+  BigNum primeMinusOne{};
+  BigNum generator{};
+  MontgomeryContext montgomery{};
+};
+
+class ModpComputation final : public DhComputation {
  public:
-  /// A group whose prime is p = 2q + 1; the generator 2 has order q.
-  explicit ModpGroup(const ModpRow& row)
-      : safePrime_(true), prime_(row.prime(nullptr)), generator_(numberOfHex("2")) {
-    BigNum order(BN_new());
-    if (prime_ && order && BN_rshift1(order.get(), prime_.get()) == 1) {
-      finish(std::move(order), row.privateKeyBits);
-    }
-  }
+  /// `order` is that of the generator's subgroup.
+  ModpComputation(const ModpParameters& group, const BIGNUM* order)
+      : group_(group), order_(order), scratch_(BN_CTX_new()), peer_(BN_new()), result_(BN_new()) {}
 
-  /// Group 24, whose subgroup is much smaller than (p - 1) / 2.
-  ModpGroup()
-      : safePrime_(false),
-        prime_(numberOfHex(group24Prime)),
-        generator_(numberOfHex(group24Generator)) {
-    BigNum order = numberOfHex(group24Order);
-    if (prime_ && order) {
-      const int bits = BN_num_bits(order.get());
-      finish(std::move(order), bits);
-    }
-  }
+  bool isComplete() const { return scratch_ && peer_ && result_; }
 
-  bool isPublicKeyValid(BytesView key) const override {
-    const BigNum y = publicNumber(key);
-    if (!y || BN_cmp(y.get(), BN_value_one()) <= 0 || BN_cmp(y.get(), primeMinusOne_.get()) >= 0) {
-      return false;
-    }
-    // With a safe prime the only small subgroups are {1} and {1, p - 1} (RFC 6989 section 2.1).
-    return safePrime_ || isInSubgroup(y.get());
-  }
-
-  bool publicKey(const BIGNUM* privateKey, Bytes* out) const override {
-    Bytes key(publicKeyLen());
-    if (!power(generator_.get(), privateKey, key)) {
+  bool publicKey(Bytes* out) override {
+    Bytes key(primeLen());
+    if (!power(group_.generator.get(), key)) {
       return false;
     }
     *out = std::move(key);
     return true;
   }
 
-  bool sharedSecret(const BIGNUM* privateKey, BytesView peerKey, SecretBytes* out) const override {
-    const BigNum y = publicNumber(peerKey);
-    SecretBytes secret(sharedSecretLen());
-    if (!y || !power(y.get(), privateKey, secret.span())) {
+  bool setPeerKey(BytesView key) override {
+    // With a safe prime the only small subgroups are {1} and {1, p - 1} (RFC 6989 section 2.1).
+    peerKeySet_ = key.size() == primeLen() &&
+                  BN_bin2bn(key.data(), static_cast<int>(key.size()), peer_.get()) != nullptr &&
+                  BN_cmp(peer_.get(), BN_value_one()) > 0 &&
+                  BN_cmp(peer_.get(), group_.primeMinusOne.get()) < 0 &&
+                  (group_.safePrime || isInSubgroup());
+    return peerKeySet_;
+  }
+
+  bool sharedSecret(SecretBytes* out) override {
+    SecretBytes secret(primeLen());
+    if (!peerKeySet_ || !power(peer_.get(), secret.span())) {
       return false;
     }
     *out = std::move(secret);
@@ -111,46 +105,73 @@ class ModpGroup final : public DhGroup {
   }
 
  private:
+  size_t primeLen() const { return static_cast<size_t>(BN_num_bytes(group_.prime.get())); }
+
+  bool isInSubgroup() {
+    return BN_mod_exp_mont(result_.get(), peer_.get(), order_, group_.prime.get(), scratch_.get(),
+                           group_.montgomery.get()) == 1 &&
+           BN_is_one(result_.get());
+  }
+
+  /// base ^ private key mod p in a time that does not depend on the key, padded to `out`.
+  bool power(const BIGNUM* base, std::span<uint8_t> out) {
+    return BN_mod_exp_mont_consttime(result_.get(), base, privateNumber(), group_.prime.get(),
+                                     scratch_.get(), group_.montgomery.get()) == 1 &&
+           BN_bn2binpad(result_.get(), out.data(), static_cast<int>(out.size())) > 0;
+  }
+
+  const ModpParameters& group_;
+  const BIGNUM* order_;
+  BigNumContext scratch_;
+  BigNum peer_;
+  BigNum result_;
+  bool peerKeySet_ = false;
+};
+
+class ModpGroup final : public DhGroup {
+ public:
+  /// A group whose prime is p = 2q + 1; the generator 2 has order q.
+  explicit ModpGroup(const ModpRow& row)
+      : parameters_{
+            .safePrime = true, .prime = BigNum(row.prime(nullptr)), .generator = numberOfHex("2")} {
+    BigNum order(BN_new());
+    if (parameters_.prime && order && BN_rshift1(order.get(), parameters_.prime.get()) == 1) {
+      finish(std::move(order), row.privateKeyBits);
+    }
+  }
+
+  /// Group 24, whose subgroup is much smaller than (p - 1) / 2.
+  ModpGroup()
+      : parameters_{.safePrime = false,
+                    .prime = numberOfHex(group24Prime),
+                    .generator = numberOfHex(group24Generator)} {
+    BigNum order = numberOfHex(group24Order);
+    if (parameters_.prime && order) {
+      const int bits = BN_num_bits(order.get());
+      finish(std::move(order), bits);
+    }
+  }
+
+  std::unique_ptr<DhComputation> computation() const override {
+    auto made = std::make_unique<ModpComputation>(parameters_, order());
+    return made->isComplete() ? std::move(made) : nullptr;
+  }
+
+ private:
   void finish(BigNum order, int privateKeyBits) {
+    const BIGNUM* const prime = parameters_.prime.get();
     const BigNumContext scratch(BN_CTX_new());
-    primeMinusOne_.reset(BN_dup(prime_.get()));
-    montgomery_.reset(BN_MONT_CTX_new());
-    if (generator_ && scratch && primeMinusOne_ && montgomery_ &&
-        BN_sub_word(primeMinusOne_.get(), 1) == 1 &&
-        BN_MONT_CTX_set(montgomery_.get(), prime_.get(), scratch.get()) == 1) {
-      const auto primeLen = static_cast<size_t>(BN_num_bytes(prime_.get()));
+    parameters_.primeMinusOne.reset(BN_dup(prime));
+    parameters_.montgomery.reset(BN_MONT_CTX_new());
+    if (parameters_.generator && scratch && parameters_.primeMinusOne && parameters_.montgomery &&
+        BN_sub_word(parameters_.primeMinusOne.get(), 1) == 1 &&
+        BN_MONT_CTX_set(parameters_.montgomery.get(), prime, scratch.get()) == 1) {
+      const auto primeLen = static_cast<size_t>(BN_num_bytes(prime));
       sizesAre(primeLen, primeLen, privateKeyBits, std::move(order));
     }
   }
 
-  BigNum publicNumber(BytesView key) const {
-    return key.size() == publicKeyLen() ? numberOf(key) : nullptr;
-  }
-
-  bool isInSubgroup(const BIGNUM* y) const {
-    const BigNumContext scratch(BN_CTX_new());
-    const BigNum result(BN_new());
-    return scratch && result &&
-           BN_mod_exp_mont(result.get(), y, order(), prime_.get(), scratch.get(),
-                           montgomery_.get()) == 1 &&
-           BN_is_one(result.get());
-  }
-
-  /// base ^ exponent mod p in a time that does not depend on the exponent, padded to `out`.
-  bool power(const BIGNUM* base, const BIGNUM* exponent, std::span<uint8_t> out) const {
-    const BigNumContext scratch(BN_CTX_new());
-    const BigNum result(BN_new());
-    return scratch && result &&
-           BN_mod_exp_mont_consttime(result.get(), base, exponent, prime_.get(), scratch.get(),
-                                     montgomery_.get()) == 1 &&
-           BN_bn2binpad(result.get(), out.data(), static_cast<int>(out.size())) > 0;
-  }
-
-  bool safePrime_;
-  BigNum prime_;
-  BigNum generator_;
-  BigNum primeMinusOne_;
-  MontgomeryContext montgomery_;
+  ModpParameters parameters_;
 };
 
 }  // namespace
