@@ -16,7 +16,7 @@ namespace tessel {
 namespace {
 
 /// Longest single wait: keeps every finite time within the range of milliseconds.
-constexpr double longestWaitSeconds = 3600.0;
+constexpr double longestPollSeconds = 3600.0;
 
 int checked(int result, const char* what) {
   if (result < 0) {
@@ -27,7 +27,7 @@ int checked(int result, const char* what) {
 
 /// Rounded up: a wait that ends early would be followed by many short ones.
 int milliseconds(Duration span) {
-  return static_cast<int>(std::ceil(std::clamp(span.seconds(), 0.0, longestWaitSeconds) * 1000.0));
+  return static_cast<int>(std::ceil(std::clamp(span.seconds(), 0.0, longestPollSeconds) * 1000.0));
 }
 
 }  // namespace
