@@ -19,6 +19,35 @@ const Ptr<T>& findOrMake(KeyedCollection<Key, Ptr<T>>& logs, const Key& key, Arg
 
 }  // namespace
 
+StoredEvent EventSlots::read(uint32_t slot) const {
+  const Slot& kept = slots_[slot];
+  StoredEvent event{kept.time, kept.first, kept.second, kept.name, kept.pathState};
+  if (upper_) {
+    event.first |= uint64_t{(*upper_)[slot].first} << 32U;
+    event.second |= uint64_t{(*upper_)[slot].second} << 32U;
+  }
+  return event;
+}
+
+void EventSlots::write(uint32_t slot, const StoredEvent& event) {
+  const UpperHalves upper{static_cast<uint32_t>(event.first >> 32U),
+                          static_cast<uint32_t>(event.second >> 32U)};
+  if (slot >= size()) {
+    slots_.resize(slot + 1);
+    if (upper_) {
+      upper_->resize(slot + 1);
+    }
+  }
+  if (!upper_ && (upper.first | upper.second) != 0) {
+    upper_ = std::make_unique<std::vector<UpperHalves>>(size());
+  }
+  slots_[slot] = {event.time, static_cast<uint32_t>(event.first),
+                  static_cast<uint32_t>(event.second), event.name, event.pathState};
+  if (upper_) {
+    (*upper_)[slot] = upper;
+  }
+}
+
 StoredEvent EventForm<LocalEvent>::store(const LocalEvent& event) {
   return {event.time.seconds(), event.number, 0, event.eventName.number(), 0};
 }
