@@ -142,27 +142,22 @@ const Ptr<PathNameMapping>& RecordEvents::pathNameMappingIs(const std::string& p
 
 void RecordEvents::follow(const Ptr<IpsecCommon::TesselV1>& tesselV1) {
   followed_ = tesselV1;
-  links_.attach<&RecordEvents::handleSaLink>(*tesselV1, *this);
+  sas_.attach<&RecordEvents::handleSa>(*tesselV1, *this);
 }
 
-void RecordEvents::handleSaLink(const Change& change) {
-  const auto* key = change.memberOf(IpsecCommon::TesselV1::cpSaName);
-  if (key == nullptr) {
+void RecordEvents::handleSa(const Change& change) {
+  const auto* key = change.memberOf(IpsecCommon::TesselV1::saName);
+  if (key == nullptr || !followed_->cpSaHas(*key)) {
     return;
   }
+  const ConnectionKey& path = followed_->cpSa(*key);
   if (change.kind() != Change::Kind::removed) {
-    const ConnectionKey& path = followed_->cpSa(*key);
     if (std::vector<SecurityAssociationKey>* gone = gone_.find(path)) {
       std::erase(*gone, *key);  // The SA is back, and its log goes on.
     }
-    pathOfSa_.emplace(*key).first = path;
     return;
   }
-  const std::optional<ConnectionKey> path = pathOfSa_.take(*key);
-  if (!path) {
-    return;
-  }
-  std::vector<SecurityAssociationKey>& gone = gone_.emplace(*path).first;
+  std::vector<SecurityAssociationKey>& gone = gone_.emplace(path).first;
   gone.push_back(*key);
   // The last one stays until the next one goes: the event of its deletion is recorded after this,
   // and would make a log that nothing retires.

@@ -317,7 +317,8 @@ class TESSEL_API RecordEvents final : public RefCounted {
   const Ptr<PathNameMapping>& pathNameMappingIs(const std::string& pathName);
 
   /// Follows the table of SAs: from then on the logs of at most `maxGoneSaLogs` SAs per path stay
-  /// when their SAs are gone, at least the last one's, and older ones are retired.
+  /// when their SAs are gone, at least the last one's, and older ones are retired. An SA without
+  /// path in the table (`cpSa`) as it comes or goes is left alone.
   void follow(const Ptr<IpsecCommon::TesselV1>& tesselV1);
   uint32_t maxGoneSaLogs() const { return maxGoneSaLogs_; }
   void maxGoneSaLogsIs(uint32_t n) { maxGoneSaLogs_ = n; }
@@ -327,7 +328,7 @@ class TESSEL_API RecordEvents final : public RefCounted {
   void observerIs(EventObserver* observer) { observer_ = observer; }
 
  private:
-  void handleSaLink(const Change& change);
+  void handleSa(const Change& change);
 
   uint32_t maxEventRecord_ = 64;
   uint32_t maxGoneSaLogs_ = 2;
@@ -339,8 +340,7 @@ class TESSEL_API RecordEvents final : public RefCounted {
   KeyedCollection<std::string, Ptr<PathNameMapping>> names_;
 
   Ptr<IpsecCommon::TesselV1> followed_;
-  Subscription links_;
-  KeyedCollection<SecurityAssociationKey, ConnectionKey> pathOfSa_;
+  Subscription sas_;
   KeyedCollection<ConnectionKey, std::vector<SecurityAssociationKey>> gone_;  // Oldest first.
 };
 
