@@ -19,6 +19,7 @@
 #include "host/agent/AgentEntities.h"
 #include "host/agent/AgentPaths.h"
 #include "host/crypto/WipingMemory.h"
+#include "host/facility/Allocation.h"
 #include "host/facility/Trace.h"
 #include "host/runtime/PollClock.h"
 #include "host/runtime/RealTime.h"
@@ -234,6 +235,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: embed OWN PEER, two different numbers from 1 to 254\n");
     return 2;
   }
+  mergeFreedMemoryAtOnce();
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
   srandom(std::random_device()());  // Or all routers would rekey in step.
   auto clock = std::make_unique<PollClock>();
