@@ -48,17 +48,24 @@ class Paths {
   void rekeySmDelAll();
   void rekeySmNotificationActiveIs(bool active);
 
-  /// Who watches an SA: the reactor of its path's rekey machine, or null. An SA that is watched is
-  /// one of the path's, and lies in the table of SAs as long as it is.
-  const RekeySm::SaInfo* watchedSa(const SecurityAssociationKey& key) const {
-    const RekeySm::SaInfo* const* found = watchedSa_.find(key);
-    return found == nullptr ? nullptr : *found;
+  /// Who watches an SA, and what of it. The sweeps ask for it once per SA: it names both itself, so
+  /// that nothing in between has to be fetched from memory.
+  struct WatchedSa {
+    RekeySm* rekeySm = nullptr;
+    Ike::PathConnSaInfo* saInfo = nullptr;
+    friend bool operator==(const WatchedSa&, const WatchedSa&) = default;
+  };
+  /// Null for an SA that no path's rekey machine watches. One that is watched is one of the path's,
+  /// and lies in the table of SAs as long as it is.
+  const WatchedSa* watchedSa(const SecurityAssociationKey& key) const {
+    return watchedSa_.find(key);
   }
-  void watchedSaIs(const SecurityAssociationKey& key, const RekeySm::SaInfo* saInfo) {
-    watchedSa_.emplace(key).first = saInfo;
+  void watchedSaIs(const SecurityAssociationKey& key, const WatchedSa& watched) {
+    watchedSa_.emplace(key).first = watched;
   }
-  void watchedSaDel(const SecurityAssociationKey& key, const RekeySm::SaInfo* saInfo) {
-    if (watchedSa(key) == saInfo) {
+  /// Unless the SA is watched otherwise by now.
+  void watchedSaDel(const SecurityAssociationKey& key, const WatchedSa& watched) {
+    if (const WatchedSa* found = watchedSa(key); found != nullptr && *found == watched) {
       watchedSa_.take(key);
     }
   }
@@ -70,7 +77,7 @@ class Paths {
 
   TesselV1Sm& sm_;
   // In the order in which the SAs were made, as the table that the sweeps walk.
-  KeyedCollection<SecurityAssociationKey, const RekeySm::SaInfo*> watchedSa_;
+  KeyedCollection<SecurityAssociationKey, WatchedSa> watchedSa_;
   KeyedCollection<ConnectionKey, Ptr<RekeySm>> rekeySm_;
 };
 

@@ -143,8 +143,8 @@ const RekeySm* SaRekey::findLivePath(const SecurityAssociationKey& key,
           " daddr : ", key.daddr);
     return nullptr;
   }
-  if (const RekeySm::SaInfo* watched = sm_.paths().watchedSa(key)) {
-    const RekeySm& rekeySm = watched->rekeySm();
+  if (const Paths::WatchedSa* watched = sm_.paths().watchedSa(key)) {
+    const RekeySm& rekeySm = *watched->rekeySm;
     const Ike::IpsecConnectionStatusInfo* const connection = rekeySm.connectionStatus();
     if (connection != nullptr && connection->isUsable() && rekeySm.pathConnState()) {
       return &rekeySm;
@@ -174,8 +174,8 @@ const RekeySm* SaRekey::findLivePath(const SecurityAssociationKey& key,
 }
 
 bool SaRekey::isOfPath(const SecurityAssociationKey& key, const RekeySm& rekeySm) const {
-  const RekeySm::SaInfo* const watched = sm_.paths().watchedSa(key);
-  return (watched != nullptr && &watched->rekeySm() == &rekeySm) ||
+  const Paths::WatchedSa* const watched = sm_.paths().watchedSa(key);
+  return (watched != nullptr && watched->rekeySm == &rekeySm) ||
          rekeySm.pathConnState()->pathConnSaInfoHas(key);
 }
 
@@ -240,9 +240,9 @@ void SaRekey::maybeRekeySa(const SecurityAssociationKey& saKey) {
     return;
   }
   const ConnectionKey key = getConnectionKeyFromSa(*sa);
-  const RekeySm::SaInfo* const watched = sm_.paths().watchedSa(saKey);
+  const Paths::WatchedSa* const watched = sm_.paths().watchedSa(saKey);
   const Ptr<RekeySm> rekeySm =
-      watched != nullptr ? Ptr<RekeySm>(&watched->rekeySm()) : sm_.paths().rekeySm(key);
+      watched != nullptr ? Ptr<RekeySm>(watched->rekeySm) : sm_.paths().rekeySm(key);
   if (!rekeySm) {
     TRACE("rekeySm not found", key);
     return;

@@ -276,8 +276,8 @@ void SecurityAssociations::fillPathConnSaInfo(const Ptr<Ike::SecurityAssociation
 }
 
 void SecurityAssociations::setSaInfoEntry(const SecurityAssociationKey& key) {
-  if (const RekeySm::SaInfo* watched = sm_.paths().watchedSa(key)) {
-    setSaInfoEntry(watched->notifier());
+  if (const Paths::WatchedSa* watched = sm_.paths().watchedSa(key)) {
+    setSaInfoEntry(Ptr<Ike::PathConnSaInfo>(watched->saInfo));
     return;
   }
   const Ptr<Ike::VrfStatus>& vrfStatus = sm_.ipsecStatus()->vrfStatus(L3::kDefaultVrfName);
@@ -304,8 +304,8 @@ void SecurityAssociations::setSaInfoEntry(const SecurityAssociationKey& key) {
   setSaInfoEntry(saInfo);
 }
 
-void SecurityAssociations::setSaInfoEntry(const Ptr<Ike::PathConnSaInfo>& watched) {
-  const Ptr<Ike::PathConnSaInfo> saInfo = watched;  // What hears of it may take it away.
+// By value: what hears of it may take it away.
+void SecurityAssociations::setSaInfoEntry(Ptr<Ike::PathConnSaInfo> saInfo) {
   const IpsecCounters::IpsecSACounterEntry counters = saCounters(saInfo->sakey());
   if (counters == IpsecCounters::IpsecSACounterEntry()) {
     TRACE("saCounterEntry not found for sa with reqid :", saInfo->sa()->reqid());

@@ -148,8 +148,9 @@ class TESSEL_API WorkQueue {
   /// Outside of a run: drops the keys before next_. An empty queue keeps no memory.
   void forgetDone() {
     if (waiting_ == 0) {
-      order_ = {};
-      index_ = {};
+      // Not `= {}`: that assigns an empty list, and the memory stays.
+      order_ = std::vector<Entry>();
+      index_ = std::vector<uint32_t>();
     } else {
       order_.erase(order_.begin(), order_.begin() + static_cast<std::ptrdiff_t>(next_));
       std::ranges::fill(index_, kFree);

@@ -13,6 +13,7 @@
 
 #include "bench/agent/Floors.h"
 #include "bench/scale/Population.h"
+#include "host/facility/Allocation.h"
 
 namespace tessel::bench {
 
@@ -145,6 +146,7 @@ IpsecDhGroup groupOf(const std::string& name) {
 // NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char** argv) {
   using namespace tessel::bench;
+  tessel::mergeFreedMemoryAtOnce();  // As a router does.
   CLI::App app("Thousands of peers and paths on one router, with a data path that moves nothing");
   std::vector<uint32_t> peers = {100, 1000, 10000};
   PopulationSettings settings;

@@ -18,6 +18,7 @@
 #include "host/agent/Esp.h"
 #include "host/agent/KeyRecord.h"
 #include "host/crypto/WipingMemory.h"
+#include "host/facility/Allocation.h"
 #include "host/facility/Trace.h"
 #include "host/runtime/PollClock.h"
 #include "host/runtime/RealTime.h"
@@ -224,6 +225,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: embed OWN PEER, two different numbers from 1 to 254\n");
     return 2;
   }
+  mergeFreedMemoryAtOnce();
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
   try {
     run(static_cast<uint32_t>(own), static_cast<uint32_t>(peer));

@@ -17,8 +17,11 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
+#include <string_view>
 #include <utility>
 
+#include "host/entity/InternedText.h"
 #include "host/entity/KeyedCollection.h"
 #include "host/entity/Ptr.h"
 #include "host/facility/Export.h"
@@ -230,6 +233,23 @@ class TESSEL_API ValueCollection {
   ::tessel::Attribute<__VA_ARGS__> name##_;                   \
                                                               \
  public:                                                      \
+  static_assert(true, "swallows the semicolon")
+
+/// A text of which there are few different ones, as of names of algorithms: x(), xIs(text).
+#define HOST_NAME(name)                                               \
+ public:                                                              \
+  static constexpr ::tessel::AttributeName name##Name{#name};         \
+  const std::string& name() const {                                   \
+    return name##_.value().text();                                    \
+  }                                                                   \
+  void name##Is(std::string_view text) {                              \
+    name##_.valueIs(*this, name##Name, ::tessel::InternedText(text)); \
+  }                                                                   \
+                                                                      \
+ private:                                                             \
+  ::tessel::Attribute<::tessel::InternedText> name##_;                \
+                                                                      \
+ public:                                                              \
   static_assert(true, "swallows the semicolon")
 
 /// A U32 that only grows: x(), xInc(n).

@@ -93,7 +93,7 @@ class TESSEL_API KeyedCollection {
     slots_.make(used_);
     Member* const fresh = slots_.member(used_);
     new (fresh) Member{key, Value(std::forward<Args>(args)...)};
-    slots_.state(used_) = SlotState::live;
+    slots_.stateOf(used_) = SlotState::live;
     ++used_;
     ++live_;
     ++version_;
@@ -118,7 +118,7 @@ class TESSEL_API KeyedCollection {
     --live_;
     ++version_;
     if (walks_ > 0) {
-      slots_.state(position) = SlotState::deleted;
+      slots_.stateOf(position) = SlotState::deleted;
       ++deleted_;
       return slots_.member(position)->value;
     }
@@ -131,7 +131,7 @@ class TESSEL_API KeyedCollection {
   void clear() {
     for (uint32_t i = passGap(0); i < used_; i = passGap(i + 1)) {
       if (slots_.state(i) == SlotState::live) {
-        slots_.state(i) = SlotState::deleted;
+        slots_.stateOf(i) = SlotState::deleted;
       }
     }
     deleted_ += live_;
@@ -185,9 +185,12 @@ class TESSEL_API KeyedCollection {
    private:
     void enterBlock() {
       position_ = collection_.passGap(position_);
+      while (position_ < end_ && !collection_.slots_.has(position_)) {
+        position_ = collection_.passGap(Slots::blockStart(Slots::blockOf(position_) + 1));
+      }
       if (position_ < end_) {
         member_ = collection_.slots_.member(position_);
-        state_ = &collection_.slots_.state(position_);
+        state_ = &collection_.slots_.stateOf(position_);
         blockEnd_ = std::min(end_, Slots::blockStart(Slots::blockOf(position_) + 1));
       }
     }
@@ -303,8 +306,13 @@ class TESSEL_API KeyedCollection {
   // Deleting.
 
   void release(uint32_t position) {
-    slots_.state(position) = SlotState::unused;
+    slots_.stateOf(position) = SlotState::unused;
     slots_.member(position)->~Member();
+    // Members that were added together often go together. The last block is about to be used.
+    if (const uint32_t block = Slots::blockOf(position);
+        lookup_ && Slots::blockStart(block + 1) <= used_) {
+      slots_.freeIfUnused(block);
+    }
   }
   /// Outside of walks: releases what was deleted in them.
   void sweep() {
@@ -319,19 +327,22 @@ class TESSEL_API KeyedCollection {
     deleted_ = 0;
     tidy(static_cast<uint32_t>(released.size()));
   }
-  /// Outside of walks, after so many members were released: an empty collection keeps no memory,
-  /// and one with more gaps than members closes them, a large one a few at each deletion.
+  /// Outside of walks, after so many members were released: an empty collection keeps no memory, a
+  /// small one closes its gaps when that saves some, and a large one with more gaps than members
+  /// closes a few at each deletion.
   void tidy(uint32_t released) {
     if (live_ == 0) {
-      slots_.freeAll();
+      slots_.freeFrom(0);
       lookup_.reset();
       used_ = 0;
       return;
     }
-    const bool mostlyGaps = used_ - live_ > live_;
-    if (!lookup_ && mostlyGaps) {
-      closeGaps(0, 0, used_);
-    } else if (lookup_ && (mostlyGaps || lookup_->gapEnd > 0)) {
+    if (!lookup_) {
+      // A small one has no more memory than its members need: there are hundreds of thousands.
+      if (Slots::blockOf(live_ - 1) < Slots::blockOf(used_ - 1)) {
+        closeGaps(0, 0, used_);
+      }
+    } else if (used_ - live_ > live_ || lookup_->gapEnd > 0) {
       const uint64_t end = lookup_->gapEnd + uint64_t{kStride} * released;
       closeGaps(lookup_->gapBegin, lookup_->gapEnd,
                 static_cast<uint32_t>(std::min<uint64_t>(end, used_)));
@@ -349,7 +360,7 @@ class TESSEL_API KeyedCollection {
     }
     const uint32_t needed = gapBegin == 0 ? 0 : Slots::blockOf(gapBegin - 1) + 1;
     if (end == used_) {
-      slots_.freeBlocks(needed, Slots::blockOf(used_ - 1) + 1);
+      slots_.freeFrom(needed);
       used_ = gapBegin;
       gapBegin = end = 0;
     } else {
@@ -369,7 +380,7 @@ class TESSEL_API KeyedCollection {
     slots_.make(to);
     Member* const source = slots_.member(from);
     new (slots_.member(to)) Member{source->key, std::move(source->value)};
-    slots_.state(to) = SlotState::live;
+    slots_.stateOf(to) = SlotState::live;
     if (lookup_) {
       lookup_->index.move(hashValue(source->key, kSeed), from, to);
     }

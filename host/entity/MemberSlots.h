@@ -35,11 +35,16 @@ class MemberSlots {
         memoryOf(block).get() + (position - blockStart(block)) * sizeof(Member);
     return std::launder(reinterpret_cast<Member*>(place));
   }
-  SlotState& state(uint32_t position) const {
-    const uint32_t block = blockOf(position);
-    std::byte* const states = memoryOf(block).get() + blockSize(block) * sizeof(Member);
-    return reinterpret_cast<SlotState*>(states)[position - blockStart(block)];
+  /// A slot without memory is unused.
+  SlotState state(uint32_t position) const {
+    return has(position) ? stateOf(position) : SlotState::unused;
   }
+  /// The state of a slot that has memory; those of a block lie one after the other.
+  SlotState& stateOf(uint32_t position) const {
+    const uint32_t block = blockOf(position);
+    return statesOf(block)[position - blockStart(block)];
+  }
+  bool has(uint32_t position) const { return memoryOf(blockOf(position)) != nullptr; }
 
   /// Makes sure that a slot has memory; a new block's slots are unused.
   void make(uint32_t position) {
@@ -60,7 +65,29 @@ class MemberSlots {
       memoryOf(block).reset();
     }
   }
-  void freeAll() { *this = MemberSlots(); }
+  /// Frees the memory of all blocks from `first` on.
+  void freeFrom(uint32_t first) {
+    if (first <= 1) {
+      more_.reset();
+      moreSize_ = 0;
+    } else {
+      freeBlocks(first, moreSize_ + 1);
+    }
+    if (first == 0) {
+      first_.reset();
+    }
+  }
+  /// Frees the memory of a block if all its slots are unused.
+  void freeIfUnused(uint32_t block) {
+    const SlotState* const states = statesOf(block);
+    // Blocks mostly fall empty from the front: what is in use is found soon from the back.
+    for (size_t i = blockSize(block); i > 0; --i) {
+      if (states[i - 1] != SlotState::unused) {
+        return;
+      }
+    }
+    memoryOf(block).reset();
+  }
 
   void swap(MemberSlots& other) noexcept {
     first_.swap(other.first_);
@@ -77,6 +104,10 @@ class MemberSlots {
 
   static size_t blockSize(uint32_t block) {
     return block == 0 ? 2 : size_t{1} << std::min(block, kLargeBlocks);
+  }
+  SlotState* statesOf(uint32_t block) const {
+    std::byte* const states = memoryOf(block).get() + blockSize(block) * sizeof(Member);
+    return reinterpret_cast<SlotState*>(states);
   }
   Memory& memoryOf(uint32_t block) { return block == 0 ? first_ : more_[block - 1]; }
   const Memory& memoryOf(uint32_t block) const { return block == 0 ? first_ : more_[block - 1]; }

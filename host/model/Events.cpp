@@ -19,6 +19,35 @@ const Ptr<T>& findOrMake(KeyedCollection<Key, Ptr<T>>& logs, const Key& key, Arg
 
 }  // namespace
 
+StoredEvent EventSlots::read(uint32_t slot) const {
+  const Slot& kept = slots_[slot];
+  StoredEvent event{kept.time, kept.first, kept.second, kept.name, kept.pathState};
+  if (upper_) {
+    event.first |= uint64_t{(*upper_)[slot].first} << 32U;
+    event.second |= uint64_t{(*upper_)[slot].second} << 32U;
+  }
+  return event;
+}
+
+void EventSlots::write(uint32_t slot, const StoredEvent& event) {
+  const UpperHalves upper{static_cast<uint32_t>(event.first >> 32U),
+                          static_cast<uint32_t>(event.second >> 32U)};
+  if (slot >= size()) {
+    slots_.resize(slot + 1);
+    if (upper_) {
+      upper_->resize(slot + 1);
+    }
+  }
+  if (!upper_ && (upper.first | upper.second) != 0) {
+    upper_ = std::make_unique<std::vector<UpperHalves>>(size());
+  }
+  slots_[slot] = {event.time, static_cast<uint32_t>(event.first),
+                  static_cast<uint32_t>(event.second), event.name, event.pathState};
+  if (upper_) {
+    (*upper_)[slot] = upper;
+  }
+}
+
 StoredEvent EventForm<LocalEvent>::store(const LocalEvent& event) {
   return {event.time.seconds(), event.number, 0, event.eventName.number(), 0};
 }
@@ -113,27 +142,22 @@ const Ptr<PathNameMapping>& RecordEvents::pathNameMappingIs(const std::string& p
 
 void RecordEvents::follow(const Ptr<IpsecCommon::TesselV1>& tesselV1) {
   followed_ = tesselV1;
-  links_.attach<&RecordEvents::handleSaLink>(*tesselV1, *this);
+  sas_.attach<&RecordEvents::handleSa>(*tesselV1, *this);
 }
 
-void RecordEvents::handleSaLink(const Change& change) {
-  const auto* key = change.memberOf(IpsecCommon::TesselV1::cpSaName);
-  if (key == nullptr) {
+void RecordEvents::handleSa(const Change& change) {
+  const auto* key = change.memberOf(IpsecCommon::TesselV1::saName);
+  if (key == nullptr || !followed_->cpSaHas(*key)) {
     return;
   }
+  const ConnectionKey& path = followed_->cpSa(*key);
   if (change.kind() != Change::Kind::removed) {
-    const ConnectionKey& path = followed_->cpSa(*key);
     if (std::vector<SecurityAssociationKey>* gone = gone_.find(path)) {
       std::erase(*gone, *key);  // The SA is back, and its log goes on.
     }
-    pathOfSa_.emplace(*key).first = path;
     return;
   }
-  const std::optional<ConnectionKey> path = pathOfSa_.take(*key);
-  if (!path) {
-    return;
-  }
-  std::vector<SecurityAssociationKey>& gone = gone_.emplace(*path).first;
+  std::vector<SecurityAssociationKey>& gone = gone_.emplace(path).first;
   gone.push_back(*key);
   // The last one stays until the next one goes: the event of its deletion is recorded after this,
   // and would make a log that nothing retires.

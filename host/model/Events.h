@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -131,14 +132,40 @@ struct TESSEL_API SaEvent {
   DhKeyPair dhKeyPair;
 };
 
-/// What a log keeps of an event: the key is the log's own. There are thousands of logs, and most of
-/// a router's memory would be theirs.
-struct TESSEL_API [[gnu::packed]] StoredEvent {
-  double time;
-  uint64_t first;  ///< Of the key pair; or the number of a local event.
-  uint64_t second;
-  uint8_t name;
-  uint8_t pathState;
+/// What a log keeps of an event: the key is the log's own.
+struct TESSEL_API StoredEvent {
+  double time = 0;
+  uint64_t first = 0;  ///< Of the key pair; or the number of a local event.
+  uint64_t second = 0;
+  uint8_t name = 0;
+  uint8_t pathState = 0;
+};
+
+/// The slots of a log. There are thousands of logs, and most of a router's memory would be theirs:
+/// numbers that need more than 32 bits, which are rare, cost their room in those logs alone that
+/// have seen one.
+class TESSEL_API EventSlots {
+ public:
+  uint32_t size() const { return static_cast<uint32_t>(slots_.size()); }
+  StoredEvent read(uint32_t slot) const;
+  /// Makes the slot, and those before it, if it is new.
+  void write(uint32_t slot, const StoredEvent& event);
+
+ private:
+  struct [[gnu::packed]] Slot {
+    double time;
+    uint32_t first;
+    uint32_t second;
+    uint8_t name;
+    uint8_t pathState;
+  };
+  struct UpperHalves {
+    uint32_t first;
+    uint32_t second;
+  };
+
+  std::vector<Slot> slots_;
+  std::unique_ptr<std::vector<UpperHalves>> upper_;  // As many as slots, or null: all are 0.
 };
 
 /// How an event is kept and read, with the key that all events of one log share.
@@ -185,18 +212,15 @@ class TESSEL_API EventLog : public RefCounted {
   /// The events by their slots.
   std::vector<Event> events() const {
     std::vector<Event> result;
-    for (const StoredEvent& stored : events_) {
-      result.push_back(EventForm<Event>::read(key_, stored));
+    for (uint32_t slot = 0; slot < events_.size(); ++slot) {
+      result.push_back(EventForm<Event>::read(key_, events_.read(slot)));
     }
     return result;
   }
   /// Puts an event of the log's key into a slot, which is made if it is new. Slots are used in
   /// order.
   void eventsIs(uint32_t slot, const Event& event) {
-    if (slot >= events_.size()) {
-      events_.resize(slot + 1);
-    }
-    events_[slot] = EventForm<Event>::store(event);
+    events_.write(slot, EventForm<Event>::store(event));
   }
   uint32_t eventCount() const { return eventCount_; }
   void eventCountInc(uint32_t n) { eventCount_ += n; }
@@ -207,14 +231,15 @@ class TESSEL_API EventLog : public RefCounted {
   /// The events from the oldest to the newest.
   std::vector<Event> inOrder() const {
     std::vector<Event> result;
-    for (size_t i = 0; i < events_.size(); ++i) {
-      result.push_back(EventForm<Event>::read(key_, events_[(head_ + i) % events_.size()]));
+    for (uint32_t i = 0; i < events_.size(); ++i) {
+      const uint32_t slot = (head_ + i) % events_.size();
+      result.push_back(EventForm<Event>::read(key_, events_.read(slot)));
     }
     return result;
   }
 
  private:
-  std::vector<StoredEvent> events_;
+  EventSlots events_;
   const Key key_;
   const uint32_t capacity_;
   uint32_t eventCount_ = 0;
@@ -297,7 +322,8 @@ class TESSEL_API RecordEvents final : public RefCounted {
   const Ptr<PathNameMapping>& pathNameMappingIs(const std::string& pathName);
 
   /// Follows the table of SAs: from then on the logs of at most `maxGoneSaLogs` SAs per path stay
-  /// when their SAs are gone, at least the last one's, and older ones are retired.
+  /// when their SAs are gone, at least the last one's, and older ones are retired. An SA without
+  /// path in the table (`cpSa`) as it comes or goes is left alone.
   void follow(const Ptr<IpsecCommon::TesselV1>& tesselV1);
   uint32_t maxGoneSaLogs() const { return maxGoneSaLogs_; }
   void maxGoneSaLogsIs(uint32_t n) { maxGoneSaLogs_ = n; }
@@ -307,7 +333,7 @@ class TESSEL_API RecordEvents final : public RefCounted {
   void observerIs(EventObserver* observer) { observer_ = observer; }
 
  private:
-  void handleSaLink(const Change& change);
+  void handleSa(const Change& change);
 
   uint32_t maxEventRecord_ = 64;
   uint32_t maxGoneSaLogs_ = 2;
@@ -319,8 +345,7 @@ class TESSEL_API RecordEvents final : public RefCounted {
   KeyedCollection<std::string, Ptr<PathNameMapping>> names_;
 
   Ptr<IpsecCommon::TesselV1> followed_;
-  Subscription links_;
-  KeyedCollection<SecurityAssociationKey, ConnectionKey> pathOfSa_;
+  Subscription sas_;
   KeyedCollection<ConnectionKey, std::vector<SecurityAssociationKey>> gone_;  // Oldest first.
 };
 

@@ -156,8 +156,8 @@ class TESSEL_API PeerConnectionState final : public Entity {
   HOST_ATTRIBUTE(encryptAlgo, IpsecEspAlgorithm);
   HOST_ATTRIBUTE(hashAlgo, IpsecHmacAlgorithm);
   /// Kernel names of the algorithms.
-  HOST_ATTRIBUTE(cryptoAlgoStr, std::string);
-  HOST_ATTRIBUTE(authAlgoStr, std::string);
+  HOST_NAME(cryptoAlgoStr);
+  HOST_NAME(authAlgoStr);
   HOST_ATTRIBUTE(cryptoKeyLen, uint16_t);
   HOST_ATTRIBUTE(authKeyLen, uint16_t);
   HOST_ATTRIBUTE(authTruncLen, uint16_t);

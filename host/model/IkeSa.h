@@ -65,10 +65,10 @@ class TESSEL_API SecurityAssociation final : public Entity {
   HOST_ATTRIBUTE(mode, uint8_t);
   /// Start of the sequence numbers.
   HOST_ATTRIBUTE(seq, uint32_t);
-  HOST_ATTRIBUTE(cryptoAlgo, std::string);
+  HOST_NAME(cryptoAlgo);
   HOST_ATTRIBUTE(cryptoKey, SecretBytes);
   HOST_ATTRIBUTE(cryptoKeyLen, uint16_t);
-  HOST_ATTRIBUTE(authAlgo, std::string);
+  HOST_NAME(authAlgo);
   HOST_ATTRIBUTE(authKey, SecretBytes);
   HOST_ATTRIBUTE(authKeyLen, uint16_t);
   /// 0 = the data path's default for the algorithm.

@@ -126,7 +126,7 @@ void RekeySm::pathConnSaInfoIs(const Ptr<Ike::PathConnSaInfo>& saInfo) {
   pathConnSaInfoDel(key);
   const Ptr<SaInfo> made = makePtr<SaInfo>(*this, saInfo);
   pathConnSaInfo_.emplace(key, made);
-  sm_->paths().watchedSaIs(key, made.get());
+  sm_->paths().watchedSaIs(key, {this, saInfo.get()});
   made->handleAttached();
 }
 
@@ -134,7 +134,7 @@ void RekeySm::pathConnSaInfoDel(const SecurityAssociationKey& key) {
   const SecurityAssociationKey removed = key;  // The caller's may go with the SA.
   if (const std::optional<Ptr<SaInfo>> gone = pathConnSaInfo_.take(removed)) {
     (*gone)->end();
-    sm_->paths().watchedSaDel(removed, gone->get());
+    sm_->paths().watchedSaDel(removed, {this, (*gone)->notifier().get()});
   }
 }
 

@@ -54,7 +54,6 @@ class RekeySm final : public RefCounted {
    public:
     SaInfo(RekeySm& rekeySm, Ptr<Ike::PathConnSaInfo> notifier);
     const Ptr<Ike::PathConnSaInfo>& notifier() const { return notifier_; }
-    RekeySm& rekeySm() const { return rekeySm_; }
     /// Runs the three handlers once, so that nothing is missed that came before the reactor.
     void handleAttached();
     void end() { subscription_.end(); }

@@ -197,6 +197,74 @@ TEST(KeyedCollection, KeepsOrderAndMembersWhileALargeOneClosesItsGaps) {
   }
 }
 
+TEST(KeyedCollection, HasMemoryForItsMembersAloneWhateverCameAndWent) {
+  using Numbers = KeyedCollection<int, int>;
+  const auto blocks = [before = test::liveAllocations()] {
+    return test::liveAllocations() - before;
+  };
+  for (int size = 0; size <= 8; ++size) {
+    for (const int more : {1, 2, 3}) {
+      SCOPED_TRACE(std::to_string(size) + " and " + std::to_string(more));
+      std::optional<Numbers> numbers(std::in_place);
+      int first = 0;
+      int last = 0;
+      const auto come = [&](int count) {
+        for (const int end = last + count; last < end; ++last) {
+          numbers->emplace(last, -last);
+        }
+      };
+      const auto go = [&](int count) {
+        for (const int end = first + count; first < end; ++first) {
+          ASSERT_EQ(numbers->take(first), -first);
+        }
+      };
+      come(size);
+      const int64_t fresh = blocks();
+      for (int round = 0; round < 20 && size + more <= 8; ++round) {
+        come(more);
+        go(more);
+        ASSERT_EQ(blocks(), fresh) << "round " << round;
+      }
+      EXPECT_EQ(std::ssize(numbers->keys()), size);
+      numbers.reset();
+      EXPECT_EQ(blocks(), 0);
+    }
+  }
+
+  // A large one gives back what falls empty at its front, at its back or in between.
+  constexpr int kSize = 10000;
+  for (const auto& [from, to, step] :
+       {std::tuple(0, 5000, 1), {2000, 7000, 1}, {4999, 0, -1}, {9999, 4999, -1}}) {
+    SCOPED_TRACE(from);
+    Numbers numbers;
+    std::vector<int> expected;
+    for (int i = 0; i < kSize; ++i) {
+      numbers.emplace(i, -i);
+      if (i < std::min(from, to) || i > std::max(from, to)) {
+        expected.push_back(i);
+      }
+    }
+    const int64_t full = blocks();
+    for (int i = from; i != to; i += step) {
+      ASSERT_TRUE(numbers.take(i));
+      ASSERT_FALSE(numbers.has(i));
+    }
+    numbers.take(to);
+    EXPECT_LE(blocks(), full - 8);  // Of 512 members each.
+    EXPECT_EQ(numbers.keys(), expected);
+    for (int i = kSize; i < kSize + 3000; ++i) {
+      numbers.emplace(i, -i);
+      expected.push_back(i);
+    }
+    std::vector<int> walked;
+    for (const auto& [key, value] : numbers) {
+      ASSERT_EQ(numbers.find(key), &value);
+      walked.push_back(key);
+    }
+    EXPECT_EQ(walked, expected);
+  }
+}
+
 TEST(KeyedCollectionDeathTest, SaysThatItDiedDuringAWalk) {
   const auto dieDuringWalk = [] {
     auto collection = std::make_unique<KeyedCollection<int, int>>();

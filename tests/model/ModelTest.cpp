@@ -208,10 +208,12 @@ class Retention : public ::testing::Test {
   /// An SA of a path comes, as the machine brings it: entered first, then recorded.
   void add(uint32_t spi, ConnectionId id = 1) {
     sas_->cpSaIs(key(spi), path(id));
+    sas_->saIs(makePtr<Ike::SecurityAssociation>(key(spi)));
     record(spi);
   }
   /// And goes: taken out first, then recorded.
   void del(uint32_t spi) {
+    sas_->saDel(key(spi));
     sas_->cpSaDel(key(spi));
     record(spi);
   }

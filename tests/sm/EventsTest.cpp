@@ -32,6 +32,28 @@ TEST_F(EventsTest, ARingKeepsTheLatest) {
   }
 }
 
+TEST_F(EventsTest, NumbersOfEverySizeAreKeptAndOverwritten) {
+  const std::vector<uint64_t> numbers = {1,          UINT32_MAX, UINT64_MAX, 7, 1ULL << 32U,
+                                         UINT32_MAX, 2,          3,          4};
+  PathEventEntry log({}, 3);
+  std::vector<DhKeyPair> latest;
+  for (const uint64_t number : numbers) {
+    for (const DhKeyPair& pair : {DhKeyPair{number, 0}, DhKeyPair{0, number}}) {
+      log.eventsIs(log.head(), {{}, "handlePath", {}, DynamicPathState::active, pair});
+      log.headIs((log.head() + 1) % log.capacity());
+      latest.push_back(pair);
+      if (latest.size() > log.capacity()) {
+        latest.erase(latest.begin());
+      }
+      std::vector<DhKeyPair> kept;
+      for (const PathEvent& event : log.inOrder()) {
+        kept.push_back(event.dhKeyPair);
+      }
+      EXPECT_EQ(kept, latest) << number;
+    }
+  }
+}
+
 TEST_F(EventsTest, TheToggleTurnsRecordingOffForGood) {
   Toggles::toggleIs("Ipsec.json", "TrellisSnapshot", false);
   const FakePeer peer = makePeer(2);

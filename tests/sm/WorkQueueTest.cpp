@@ -7,6 +7,7 @@
 
 #include "host/runtime/VirtualTime.h"
 #include "sm/WorkQueue.h"
+#include "tests/entity/Allocations.h"
 
 namespace tessel::Ipsec {
 namespace {
@@ -112,6 +113,23 @@ TEST_F(WorkQueueTest, DoesNotProcessWhatWasDeleted) {
   queue_.del('b');
   queue_.del('z');
   EXPECT_EQ(runAll(), "|c");
+}
+
+TEST_F(WorkQueueTest, KeepsNoMemoryWhenItIsEmpty) {
+  WorkQueue<uint32_t> queue;
+  const int64_t before = test::liveAllocations();
+  const auto fill = [&] {
+    for (uint32_t key = 0; key < 100; ++key) {
+      queue.add(key);
+    }
+    EXPECT_GT(test::liveAllocations(), before);
+  };
+  fill();
+  queue.drain(*task_, [](uint32_t) {});
+  EXPECT_EQ(test::liveAllocations(), before);
+  fill();
+  queue.delAll();
+  EXPECT_EQ(test::liveAllocations(), before);
 }
 
 }  // namespace
