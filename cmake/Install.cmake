@@ -64,7 +64,7 @@ foreach(name host engine)
     COMPONENT dev)
 endforeach()
 install(
-  FILES ${PROJECT_SOURCE_DIR}/README.md
+  FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CONTRIBUTING.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR}
   COMPONENT dev)
 install(
