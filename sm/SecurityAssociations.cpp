@@ -304,7 +304,7 @@ void SecurityAssociations::setSaInfoEntry(const SecurityAssociationKey& key) {
   setSaInfoEntry(saInfo);
 }
 
-// By value: what hears of it may take it away.
+// NOLINTNEXTLINE(performance-unnecessary-value-param): what hears of it may take it away.
 void SecurityAssociations::setSaInfoEntry(Ptr<Ike::PathConnSaInfo> saInfo) {
   const IpsecCounters::IpsecSACounterEntry counters = saCounters(saInfo->sakey());
   if (counters == IpsecCounters::IpsecSACounterEntry()) {
