@@ -20,7 +20,7 @@ install(
   PATTERN RunGuard.h EXCLUDE)
 install(
   FILES ${PROJECT_SOURCE_DIR}/sm/TesselV1Sm.h ${PROJECT_SOURCE_DIR}/sm/NestedReactors.h
-        ${PROJECT_SOURCE_DIR}/sm/WorkQueue.h ${PROJECT_SOURCE_DIR}/sm/SaRekey.h
+        ${PROJECT_SOURCE_DIR}/sm/WorkQueue.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tessel/sm
   COMPONENT dev)
 

@@ -11,7 +11,7 @@
 #include "host/facility/Version.h"
 #include "lab/cli/CheckCommand.h"
 #include "lab/cli/ExplainCommand.h"
-#include "lab/cli/FuzzOptions.h"
+#include "lab/cli/FuzzCommand.h"
 #include "lab/cli/RunCommand.h"
 #include "lab/cli/TourCommand.h"
 

@@ -13,7 +13,7 @@
 
 #include "host/model/Bytes.h"
 #include "host/model/IkePath.h"
-#include "host/model/KeyRecords.h"
+#include "host/model/KeyGenerations.h"
 #include "host/model/Keys.h"
 
 namespace tessel::Ipsec {

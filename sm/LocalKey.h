@@ -6,7 +6,7 @@
 
 #include "host/entity/KeyedCollection.h"
 #include "host/model/IpGenAddr.h"
-#include "host/model/KeyRecords.h"
+#include "host/model/KeyGenerations.h"
 
 namespace tessel::Ipsec {
 

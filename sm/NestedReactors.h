@@ -6,7 +6,7 @@
 
 #include "host/entity/Entity.h"
 #include "host/facility/Export.h"
-#include "host/model/Agent.h"
+#include "host/model/AgentTables.h"
 #include "host/model/IkeStatus.h"
 #include "host/model/Path.h"
 

@@ -7,7 +7,7 @@
 #include "host/entity/KeyedCollection.h"
 #include "host/model/Bytes.h"
 #include "host/model/Controller.h"
-#include "host/model/KeyRecords.h"
+#include "host/model/KeyGenerations.h"
 #include "host/model/Keys.h"
 
 namespace tessel::Ipsec {

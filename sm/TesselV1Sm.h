@@ -12,7 +12,7 @@
 #include "host/agent/AgentEntities.h"
 #include "host/entity/Entity.h"
 #include "host/facility/Export.h"
-#include "host/model/Agent.h"
+#include "host/model/AgentTables.h"
 #include "host/model/Controller.h"
 #include "host/model/Counters.h"
 #include "host/model/Events.h"

@@ -3,7 +3,7 @@
 
 #include "host/entity/Ptr.h"
 #include "host/facility/Export.h"
-#include "host/model/Agent.h"
+#include "host/model/AgentTables.h"
 #include "host/model/Controller.h"
 #include "host/model/Counters.h"
 #include "host/model/Events.h"

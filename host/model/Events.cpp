@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "host/model/Agent.h"
+#include "host/model/AgentTables.h"
 
 namespace tessel {
 

@@ -5,6 +5,7 @@
 
 #include "host/model/ByteOrder.h"
 #include "lab/net/UdpPacket.h"
+#include "lab/run/DataPlaneWatch.h"
 #include "lab/run/Lab.h"
 
 namespace tessel::lab {
@@ -36,20 +37,13 @@ bool insert(std::map<uint64_t, uint64_t>& ranges, uint64_t iv) {
 }  // namespace
 
 /// Watches the data plane of a router from one start to the next stop.
-class PacketChecks::Watch final : public DataPlaneObserver {
+class PacketChecks::Watch final : public DataPlaneWatch {
  public:
-  Watch(PacketChecks& owner, Router& router) : owner_(owner), router_(router) {
-    router_.dataPlane().observerAdd(*this);
-  }
-  Watch(const Watch&) = delete;
-  Watch& operator=(const Watch&) = delete;
-  ~Watch() override { router_.dataPlane().observerDel(*this); }
-
-  const Router& router() const { return router_; }
+  Watch(PacketChecks& owner, Router& router) : DataPlaneWatch(router), owner_(owner) {}
 
  private:
   bool wantsPackets() const override { return true; }
-  void handlePacketSent(const PacketSent& packet) override { owner_.handleSent(router_, packet); }
+  void handlePacketSent(const PacketSent& packet) override { owner_.handleSent(router(), packet); }
 
   void handleNonceSent(const SaReport& sa, uint32_t word) override {
     owner_.handleNonceSent(idOf(sa), sa, word);
@@ -87,8 +81,8 @@ class PacketChecks::Watch final : public DataPlaneObserver {
   }
 
   /// An SA that the table gives to no path is refused, and carries nothing.
-  bool isOfPath(const SaReport& sa) const { return router_.path(sa.path) != nullptr; }
-  EndId idOf(const SaReport& sa) const { return owner_.mesh_.find(router_, sa.path); }
+  bool isOfPath(const SaReport& sa) const { return router().path(sa.path) != nullptr; }
+  EndId idOf(const SaReport& sa) const { return owner_.mesh_.find(router(), sa.path); }
   std::vector<MeshView::Sa>& sasOf(const SaReport& sa) { return owner_.mesh_.end(idOf(sa)).sas; }
   void update(const SaReport& sa) {
     for (MeshView::Sa& each : sasOf(sa)) {
@@ -100,7 +94,6 @@ class PacketChecks::Watch final : public DataPlaneObserver {
   }
 
   PacketChecks& owner_;
-  Router& router_;
 };
 
 PacketChecks::PacketChecks(Lab& lab, Findings& findings)

@@ -13,6 +13,7 @@
 #include "lab/cli/LoadScenarioFile.h"
 #include "lab/cli/NarratorColours.h"
 #include "lab/cli/ScannedStream.h"
+#include "lab/report/EspKeyFile.h"
 #include "lab/report/EventFile.h"
 #include "lab/report/EventStream.h"
 #include "lab/report/Explain.h"

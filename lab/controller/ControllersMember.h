@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "lab/controller/Controllers.h"
-#include "lab/net/LinkRandom.h"
+#include "lab/net/SmallRandom.h"
 
 namespace tessel::lab {
 
@@ -110,7 +110,7 @@ class Controllers::Member {
   using Waiting = std::map<std::pair<size_t, IpGenAddr>, Message>;
 
   std::optional<DisturbDelivery> disturbance_;
-  LinkRandom random_;
+  SmallRandom random_;
   Waiting waiting_;
   KeyedCollection<IpGenAddr, Sent> sent_;
   DeliveryCounts counts_;

@@ -38,7 +38,7 @@
 #include "host/entity/Entity.h"
 #include "host/entity/KeyedCollection.h"
 #include "host/entity/Ptr.h"
-#include "host/model/Agent.h"
+#include "host/model/AgentTables.h"
 #include "host/model/Bytes.h"
 #include "host/model/Counters.h"
 #include "host/model/Duration.h"

@@ -9,7 +9,7 @@
 #include "host/model/Duration.h"
 #include "host/model/Enumerations.h"
 #include "host/model/Keys.h"
-#include "lab/dataplane/DropReason.h"
+#include "lab/net/DropReason.h"
 #include "lab/net/UdpPacket.h"
 
 namespace tessel::lab {

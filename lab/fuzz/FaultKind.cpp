@@ -21,9 +21,9 @@ struct Actions {
 /// Draws what is hit, and how hard.
 class Target {
  public:
-  Target(const Scenario& mesh, LinkRandom& random) : mesh_(mesh), random_(random) {}
+  Target(const Scenario& mesh, SmallRandom& random) : mesh_(mesh), random_(random) {}
 
-  LinkRandom& random() { return random_; }
+  SmallRandom& random() { return random_; }
   double between(double low, double high) { return drawBetween(random_, low, high); }
   Duration span(double low, double high) { return drawSpan(random_, low, high); }
 
@@ -39,7 +39,7 @@ class Target {
 
  private:
   const Scenario& mesh_;
-  LinkRandom& random_;
+  SmallRandom& random_;
 };
 
 /// A change of a link that is taken back by the same change to `usual`.
@@ -389,7 +389,7 @@ const char* faultKindName(FaultKind kind) {
   return rowOf(kind).name;
 }
 
-std::vector<Fault> drawFaults(FaultKind kind, const Scenario& mesh, LinkRandom& random,
+std::vector<Fault> drawFaults(FaultKind kind, const Scenario& mesh, SmallRandom& random,
                               Duration from, Duration to) {
   const KindRow& row = rowOf(kind);
   const double span = (to - from).seconds();

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "host/model/Duration.h"
-#include "lab/net/LinkRandom.h"
+#include "lab/net/SmallRandom.h"
 #include "lab/scenario/Scenario.h"
 
 namespace tessel::lab {
@@ -64,7 +64,7 @@ inline constexpr Duration kLongestReordering = seconds(1000);
 const char* faultKindName(FaultKind kind);
 
 /// Draws the faults of one kind for a mesh: none before `from`, all over by `to`.
-std::vector<Fault> drawFaults(FaultKind kind, const Scenario& mesh, LinkRandom& random,
+std::vector<Fault> drawFaults(FaultKind kind, const Scenario& mesh, SmallRandom& random,
                               Duration from, Duration to);
 
 }  // namespace tessel::lab

@@ -20,31 +20,31 @@ constexpr uint64_t kMeshStream = 1000;
 constexpr double kPacketBudget = 60'000;
 constexpr uint32_t kMaxPaths = 150;
 
-LinkRandom stream(uint64_t seed, uint64_t number) {
-  return LinkRandom(LinkRandom(seed).next() + number * 0xD1B54A32D192ED03U);
+SmallRandom stream(uint64_t seed, uint64_t number) {
+  return SmallRandom(SmallRandom(seed).next() + number * 0xD1B54A32D192ED03U);
 }
 
-uint32_t drawRouters(LinkRandom& random, const FuzzRange& range) {
+uint32_t drawRouters(SmallRandom& random, const FuzzRange& range) {
   // Small meshes are drawn more often: what goes wrong needs two routers, hardly ever ten.
   const double share = random.uniform();
   const double size = 2 + 14 * share * share * share;
   return std::clamp(static_cast<uint32_t>(size + 0.5), range.minRouters, range.maxRouters);
 }
 
-uint32_t drawPathsPerPair(LinkRandom& random, uint32_t routers) {
+uint32_t drawPathsPerPair(SmallRandom& random, uint32_t routers) {
   const uint32_t pairs = routers * (routers - 1) / 2;
   const uint64_t drawn = 1 + std::min(random.below(5), random.below(4));
   return std::clamp(static_cast<uint32_t>(drawn), 1U, std::max(1U, kMaxPaths / pairs));
 }
 
-IpsecDhGroup drawGroup(LinkRandom& random) {
+IpsecDhGroup drawGroup(SmallRandom& random) {
   using enum IpsecDhGroup;
   static constexpr std::array others{modp768,  modp1024, modp1536, modp2048, modp3072,
                                      modp4096, modp6144, ecp384,   ecp521,   modp2048s256};
   return random.chance(0.9) ? ecp256 : drawOne(random, others);
 }
 
-SaSettings drawSa(LinkRandom& random, bool longLived, double packetsPerSecond) {
+SaSettings drawSa(SmallRandom& random, bool longLived, double packetsPerSecond) {
   using enum IpsecEspAlgorithm;
   static constexpr std::array encryptions{aes128Cbc,    aes192Cbc,    aes256Cbc,     aes128Gcm64,
                                           aes128Gcm128, aes256Gcm128, nullEncryption};
@@ -66,7 +66,7 @@ SaSettings drawSa(LinkRandom& random, bool longLived, double packetsPerSecond) {
   return sa;
 }
 
-RouterSettings drawSettings(LinkRandom& random, double packetsPerSecond) {
+RouterSettings drawSettings(SmallRandom& random, double packetsPerSecond) {
   RouterSettings settings;
   settings.group = drawGroup(random);
   const bool longLived = random.chance(0.2);
@@ -83,7 +83,7 @@ RouterSettings drawSettings(LinkRandom& random, double packetsPerSecond) {
 }
 
 Scenario drawMesh(uint64_t seed, const FuzzRange& range) {
-  LinkRandom random = stream(seed, kMeshStream);
+  SmallRandom random = stream(seed, kMeshStream);
   MeshSpec spec{.seed = seed, .routers = {}};
   const uint32_t routers = drawRouters(random, range);
   for (uint32_t i = 1; i <= routers; ++i) {
@@ -139,7 +139,7 @@ FuzzCase drawCase(uint64_t seed, const FuzzRange& range) {
   const Duration faultsBegin = seconds(60);
   FuzzCase drawn{.mesh = drawMesh(seed, range), .faultsEnd = range.duration - kQuietTime};
   for (size_t i = 0; i < kFaultKinds; ++i) {
-    LinkRandom random = stream(seed, i);
+    SmallRandom random = stream(seed, i);
     if (random.chance(0.5)) {
       std::vector<Fault> faults =
           drawFaults(static_cast<FaultKind>(i), drawn.mesh, random, faultsBegin, drawn.faultsEnd);

@@ -4,7 +4,7 @@
 #include <cstdlib>
 
 #include "host/entity/Hash.h"
-#include "lab/net/LinkRandom.h"
+#include "lab/net/SmallRandom.h"
 #include "lab/run/Lab.h"
 
 namespace tessel::lab {
@@ -76,7 +76,7 @@ void RunDigest::handleLog(const AgentLogLine& line) {
 }
 
 void RunDigest::add(uint64_t word) {
-  state_ = LinkRandom(state_ ^ word).next();
+  state_ = SmallRandom(state_ ^ word).next();
 }
 
 void RunDigest::add(std::string_view text) {

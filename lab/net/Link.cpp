@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "host/entity/Hash.h"
-#include "lab/net/LinkRandom.h"
+#include "lab/net/SmallRandom.h"
 #include "lab/net/UdpPacket.h"
 
 namespace tessel::lab {
@@ -198,17 +198,17 @@ class Link::Direction final : public RefCounted {
           duplicate(reorder.next()),
           flip(duplicate.next()),
           replay(flip.next()) {}
-    LinkRandom loss;
-    LinkRandom burst;
-    LinkRandom jitter;
-    LinkRandom reorder;
-    LinkRandom duplicate;
-    LinkRandom flip;
-    LinkRandom replay;
+    SmallRandom loss;
+    SmallRandom burst;
+    SmallRandom jitter;
+    SmallRandom reorder;
+    SmallRandom duplicate;
+    SmallRandom flip;
+    SmallRandom replay;
 
     uint64_t state() const {
       uint64_t digest = 0;
-      for (const LinkRandom* each :
+      for (const SmallRandom* each :
            {&loss, &burst, &jitter, &reorder, &duplicate, &flip, &replay}) {
         digest = digest * 0x100000001B3U ^ each->state();
       }
@@ -333,7 +333,7 @@ class Link::Direction final : public RefCounted {
 
 Link::Link(const LinkSettings& settings, uint64_t seed) {
   checkLinkSettings(settings);
-  LinkRandom seeds(seed);
+  SmallRandom seeds(seed);
   for (Ptr<Direction>& each : directions_) {
     each = makePtr<Direction>(settings, seeds.next());
   }

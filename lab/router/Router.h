@@ -12,7 +12,7 @@
 #include "lab/controller/Controllers.h"
 #include "lab/dataplane/DataPlane.h"
 #include "lab/net/Link.h"
-#include "lab/net/LinkRandom.h"
+#include "lab/net/SmallRandom.h"
 #include "lab/router/PathLayer.h"
 #include "lab/router/PathView.h"
 #include "lab/router/RouterEntities.h"
@@ -176,7 +176,7 @@ class Router {
   std::string appliedProfile_;
   std::vector<std::string> removedProfiles_;
   std::optional<DisturbInstallation> installDisturbance_;
-  LinkRandom installRandom_;
+  SmallRandom installRandom_;
   bool present_ = true;
   Duration probeInterval_ = Duration::never();
   Mutant mutant_ = Mutant::none;

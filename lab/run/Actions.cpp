@@ -6,6 +6,7 @@
 
 #include "host/crypto/DhGroup.h"
 #include "lab/run/Lab.h"
+#include "lab/run/Selection.h"
 
 namespace tessel::lab {
 namespace {
@@ -324,11 +325,7 @@ class Actor {
   /// Every router, or the one of that name.
   template <class Body>
   void forEachRouter(const std::string& name, Body body) {
-    if (!name.empty()) {
-      body(lab_.router(name));
-      return;
-    }
-    for (const std::unique_ptr<Router>& router : lab_.routers()) {
+    for (Router* const router : selectRouters(lab_, name)) {
       body(*router);
     }
   }
@@ -336,18 +333,13 @@ class Actor {
   /// Every end of every path, where either can be narrowed down by a name.
   template <class Body>
   void forEachEnd(const std::string& pathName, const std::string& routerName, Body body) {
-    bool found = false;
-    forEachRouter(routerName, [&](Router& router) {
-      for (const std::unique_ptr<RouterPath>& path : router.paths()) {
-        if (pathName.empty() || path->end.name == pathName) {
-          found = true;
-          body(router, *path);
-        }
-      }
-    });
-    if (!found && !pathName.empty()) {
+    const auto ends = selectEnds(selectRouters(lab_, routerName), pathName);
+    if (ends.empty() && !pathName.empty()) {
       throw std::invalid_argument("no path \"" + pathName + "\" at " +
                                   (routerName.empty() ? "any router" : routerName));
+    }
+    for (const SelectedEnd& end : ends) {
+      body(end.router, end.path);
     }
   }
   template <class ActionOnPath, class Body>

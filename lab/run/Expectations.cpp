@@ -4,10 +4,12 @@
 #include <optional>
 #include <stdexcept>
 #include <variant>
+#include <vector>
 
 #include <fmt/format.h>
 
 #include "lab/run/Lab.h"
+#include "lab/run/Selection.h"
 #include "sm/DhRekey.h"
 #include "sm/LocalKey.h"
 #include "sm/PeerKeys.h"
@@ -221,32 +223,29 @@ class Checker {
   }
 
  private:
+  /// The router of that name, or all that are present.
+  std::vector<Router*> routersOf(const std::string& name) const {
+    std::vector<Router*> routers = selectRouters(lab_, name);
+    std::erase_if(routers,
+                  [&](const Router* router) { return name.empty() && !router->present(); });
+    return routers;
+  }
+
   template <class Body>
   void forEachRouter(const std::string& name, Body body) {
-    if (!name.empty()) {
-      body(lab_.router(name));
-      return;
-    }
-    for (const std::unique_ptr<Router>& router : lab_.routers()) {
-      if (router->present()) {
-        body(*router);
-      }
+    for (const Router* const router : routersOf(name)) {
+      body(*router);
     }
   }
 
   template <class Body>
   void forEachEnd(const std::string& pathName, const std::string& routerName, Body body) {
-    bool found = false;
-    forEachRouter(routerName, [&](const Router& router) {
-      for (const std::unique_ptr<RouterPath>& path : router.paths()) {
-        if (pathName.empty() || path->end.name == pathName) {
-          found = true;
-          body(router, *path);
-        }
-      }
-    });
-    if (!found) {
+    const auto ends = selectEnds(routersOf(routerName), pathName);
+    if (ends.empty()) {
       contradict("no such path");
+    }
+    for (const SelectedEnd& end : ends) {
+      body(end.router, end.path);
     }
   }
 

@@ -2,7 +2,7 @@
 
 #include "host/crypto/NonceGenerator.h"
 #include "host/facility/Trace.h"
-#include "lab/net/LinkRandom.h"
+#include "lab/net/SmallRandom.h"
 
 namespace tessel::lab {
 bool LabRandom::fill(std::span<uint8_t> out) {

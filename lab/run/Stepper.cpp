@@ -3,21 +3,15 @@
 #include <algorithm>
 #include <utility>
 
+#include "lab/run/DataPlaneWatch.h"
 #include "lab/run/Lab.h"
 
 namespace tessel::lab {
 
 /// Sees which packets are steps, from one start of a router to the next stop.
-class Stepper::Packets final : public DataPlaneObserver {
+class Stepper::Packets final : public DataPlaneWatch {
  public:
-  Packets(Stepper& owner, Router& router) : owner_(owner), router_(router) {
-    router_.dataPlane().observerAdd(*this);
-  }
-  Packets(const Packets&) = delete;
-  Packets& operator=(const Packets&) = delete;
-  ~Packets() override { router_.dataPlane().observerDel(*this); }
-
-  const Router& router() const { return router_; }
+  Packets(Stepper& owner, Router& router) : DataPlaneWatch(router), owner_(owner) {}
 
  private:
   bool wantsPackets() const override { return owner_.lab_ != nullptr; }
@@ -26,7 +20,7 @@ class Stepper::Packets final : public DataPlaneObserver {
     nonceChanged_ = wantsPackets();
   }
   void handlePacketSent(const PacketSent& packet) override {
-    const RouterPath& path = *router_.path(packet.sa->path);
+    const RouterPath& path = *router().path(packet.sa->path);
     if (std::exchange(nonceChanged_, false) || packet.sa->pkts == 1) {
       owner_.direction(path.link, path.linkEnd)
           .news.push_back(path.link->counts(path.linkEnd).sent);
@@ -34,7 +28,6 @@ class Stepper::Packets final : public DataPlaneObserver {
   }
 
   Stepper& owner_;
-  Router& router_;
   bool nonceChanged_ = false;
 };
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "host/model/Enumerations.h"
-#include "lab/dataplane/DropReason.h"
+#include "lab/net/DropReason.h"
 
 namespace tessel::lab {
 

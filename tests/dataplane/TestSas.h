@@ -1,7 +1,7 @@
 // TestSas: SAs as the machine would hand them over, and a data plane with the entities around it.
 #pragma once
 
-#include "host/model/Agent.h"
+#include "host/model/AgentTables.h"
 #include "host/model/Counters.h"
 #include "host/model/IkeStatus.h"
 #include "host/runtime/VirtualTime.h"

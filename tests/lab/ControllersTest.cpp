@@ -1,7 +1,7 @@
 // The controllers between routers that have no machine: who gets which record when, and what a
 // lost connection, a restart and a corrupt record do to that.
 #include "lab/controller/Controllers.h"
-#include "lab/net/LinkRandom.h"
+#include "lab/net/SmallRandom.h"
 
 namespace tessel::lab {
 namespace {
@@ -290,7 +290,7 @@ TEST(DisturbedDelivery, NeverGoesBackAndEndsWithTheLastRecord) {
                          .stale = 0.5,
                          .coalesce = seed % 2 == 0 ? std::optional(seconds(8)) : std::nullopt,
                          .late = seconds(20)});
-    LinkRandom random(seed);
+    SmallRandom random(seed);
     for (uint64_t generation = 0; generation < 30; ++generation) {
       east.publish(generation);
       time->runFor(seconds(10 * random.uniform()));

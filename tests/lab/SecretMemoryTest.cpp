@@ -12,7 +12,7 @@
 #include "host/crypto/IpsecDHGeneral.h"
 #include "host/crypto/PRFuncPlus.h"
 #include "host/facility/Trace.h"
-#include "host/model/KeyRecords.h"
+#include "host/model/KeyGenerations.h"
 #include "lab/run/Lab.h"
 #include "lab/run/Mesh.h"
 #include "sm/LocalKey.h"

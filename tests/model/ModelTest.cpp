@@ -2,7 +2,7 @@
 #include <algorithm>
 
 #include "host/crypto/HmacPRFunc.h"
-#include "host/model/Agent.h"
+#include "host/model/AgentTables.h"
 #include "host/model/Counters.h"
 #include "host/model/Events.h"
 #include "host/model/IkeStatus.h"

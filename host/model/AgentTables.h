@@ -129,7 +129,7 @@ class TESSEL_API ProfileNotificationList final : public Entity {
   HOST_COLLECTION(notification, std::string, ProfileNotification);
 };
 
-// Compiled once, in Agent.cpp: most units of the engine use these.
+// Compiled once, in AgentTables.cpp: most units of the engine use these.
 extern template class KeyedCollection<SecurityAssociationKey, ConnectionKey>;
 extern template class KeyedCollection<ConnectionKeySource, EncapId>;
 extern template class KeyedCollection<std::string, Ptr<ProfileNotification>>;

@@ -1,4 +1,4 @@
-#include "lab/fuzz/FuzzCommand.h"
+#include "lab/fuzz/FuzzSeeds.h"
 
 #include <array>
 #include <chrono>

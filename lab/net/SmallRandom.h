@@ -1,4 +1,4 @@
-// LinkRandom: a small reproducible generator for what the lab does to packets, records and SAs.
+// SmallRandom: a small reproducible generator for what the lab does to packets, records and SAs.
 #pragma once
 
 #include <cstdint>
@@ -16,9 +16,9 @@ constexpr uint64_t streamSeed(uint64_t seed, std::string_view stream) {
 }
 
 /// SplitMix64: 64 bits of state, the same numbers on every machine. Not for keys.
-class LinkRandom {
+class SmallRandom {
  public:
-  explicit constexpr LinkRandom(uint64_t seed) : state_(seed) {}
+  explicit constexpr SmallRandom(uint64_t seed) : state_(seed) {}
 
   constexpr uint64_t next() {
     state_ += 0x9E3779B97F4A7C15U;

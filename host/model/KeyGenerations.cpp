@@ -1,4 +1,4 @@
-#include "host/model/KeyRecords.h"
+#include "host/model/KeyGenerations.h"
 
 #include "host/crypto/IpsecDHGeneral.h"
 

@@ -1,4 +1,4 @@
-#include "host/model/Agent.h"
+#include "host/model/AgentTables.h"
 
 namespace tessel {
 

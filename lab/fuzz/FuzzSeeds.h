@@ -1,4 +1,4 @@
-// FuzzCommand: many drawn cases, played side by side, and what they proved.
+// FuzzSeeds: many drawn cases, played side by side, and what they proved.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "lab/dataplane/DropReason.h"
+#include "lab/net/DropReason.h"
 
 #include <numeric>
 

@@ -1,4 +1,4 @@
-#include "lab/cli/FuzzOptions.h"
+#include "lab/cli/FuzzCommand.h"
 
 #include <string>
 

@@ -1,9 +1,9 @@
-// The options of tessel-lab fuzz.
+// FuzzCommand: the options of tessel-lab fuzz.
 #pragma once
 
 #include <CLI/CLI.hpp>
 
-#include "lab/fuzz/FuzzCommand.h"
+#include "lab/fuzz/FuzzSeeds.h"
 
 namespace tessel::lab {
 

@@ -1,4 +1,4 @@
-// DropReason: why the data plane did not pass a packet on.
+// DropReason: why a data plane did not pass a packet on.
 #pragma once
 
 #include <array>
