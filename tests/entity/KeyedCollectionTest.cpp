@@ -244,13 +244,13 @@ TEST(KeyedCollection, HasMemoryForItsMembersAloneWhateverCameAndWent) {
         expected.push_back(i);
       }
     }
-    const int64_t full = blocks();
+    const int64_t full = test::liveAllocations();
     for (int i = from; i != to; i += step) {
       ASSERT_TRUE(numbers.take(i));
       ASSERT_FALSE(numbers.has(i));
     }
     numbers.take(to);
-    EXPECT_LE(blocks(), full - 8);  // Of 512 members each.
+    EXPECT_LE(test::liveAllocations(), full - 8);  // Of 512 members each.
     EXPECT_EQ(numbers.keys(), expected);
     for (int i = kSize; i < kSize + 3000; ++i) {
       numbers.emplace(i, -i);
