@@ -10,7 +10,8 @@ namespace {
 
 const std::string* theCopyOf(std::string_view text) {
   static std::mutex mutex;
-  static std::set<std::string, std::less<>> copies;
+  // Never freed: texts in other static objects may outlive anything that ends here.
+  static auto& copies = *new std::set<std::string, std::less<>>;
   const std::lock_guard lock(mutex);
   const auto found = copies.find(text);
   return found != copies.end() ? &*found : &*copies.emplace(text).first;
