@@ -29,10 +29,10 @@ class DhComputation {
   /// The public key of our private one. False when libcrypto fails.
   virtual bool publicKey(Bytes* out) = 0;
   /// Takes a public key if it is one that a peer may send: exact length, and an element of the
-  /// group that is safe to compute with. After a key that is not, none is set.
+  /// group that is safe to compute with.
   virtual bool setPeerKey(BytesView key) = 0;
-  /// The secret shared with the peer whose key is set, padded to its full length. False without a
-  /// peer's key and when libcrypto fails.
+  /// The secret shared with the peer whose key was taken last, padded to its full length; not to be
+  /// asked for before one was, nor after one was refused. False when libcrypto fails.
   virtual bool sharedSecret(SecretBytes* out) = 0;
 
  protected:

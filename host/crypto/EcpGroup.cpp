@@ -55,16 +55,13 @@ class EcpComputation final : public DhComputation {
   }
 
   bool setPeerKey(BytesView key) override {
-    peerKeySet_ = key.size() == 2 * coordinateLen() &&
-                  readCoordinate(key.first(coordinateLen()), x_) &&
-                  readCoordinate(key.last(coordinateLen()), y_) && setPeerPoint();
-    return peerKeySet_;
+    return key.size() == 2 * coordinateLen() && readCoordinate(key.first(coordinateLen()), x_) &&
+           readCoordinate(key.last(coordinateLen()), y_) && setPeerPoint();
   }
 
   bool sharedSecret(SecretBytes* out) override {
     SecretBytes secret(coordinateLen());
-    if (!peerKeySet_ ||
-        EC_POINT_mul(curve_, product_.get(), nullptr, peer_.get(), privateNumber(),
+    if (EC_POINT_mul(curve_, product_.get(), nullptr, peer_.get(), privateNumber(),
                      scratch_.get()) != 1 ||
         EC_POINT_get_affine_coordinates(curve_, product_.get(), x_.get(), nullptr,
                                         scratch_.get()) != 1 ||
@@ -104,7 +101,6 @@ class EcpComputation final : public DhComputation {
   CurvePoint product_;
   BigNum x_;
   BigNum y_;
-  bool peerKeySet_ = false;
 };
 
 /// A curve over a prime field with a cofactor of 1: every point but the point at infinity, which

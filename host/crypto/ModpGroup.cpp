@@ -87,17 +87,16 @@ class ModpComputation final : public DhComputation {
 
   bool setPeerKey(BytesView key) override {
     // With a safe prime the only small subgroups are {1} and {1, p - 1} (RFC 6989 section 2.1).
-    peerKeySet_ = key.size() == primeLen() &&
-                  BN_bin2bn(key.data(), static_cast<int>(key.size()), peer_.get()) != nullptr &&
-                  BN_cmp(peer_.get(), BN_value_one()) > 0 &&
-                  BN_cmp(peer_.get(), group_.primeMinusOne.get()) < 0 &&
-                  (group_.safePrime || isInSubgroup());
-    return peerKeySet_;
+    return key.size() == primeLen() &&
+           BN_bin2bn(key.data(), static_cast<int>(key.size()), peer_.get()) != nullptr &&
+           BN_cmp(peer_.get(), BN_value_one()) > 0 &&
+           BN_cmp(peer_.get(), group_.primeMinusOne.get()) < 0 &&
+           (group_.safePrime || isInSubgroup());
   }
 
   bool sharedSecret(SecretBytes* out) override {
     SecretBytes secret(primeLen());
-    if (!peerKeySet_ || !power(peer_.get(), secret.span())) {
+    if (!power(peer_.get(), secret.span())) {
       return false;
     }
     *out = std::move(secret);
@@ -125,7 +124,6 @@ class ModpComputation final : public DhComputation {
   BigNumContext scratch_;
   BigNum peer_;
   BigNum result_;
-  bool peerKeySet_ = false;
 };
 
 class ModpGroup final : public DhGroup {
