@@ -152,7 +152,7 @@ bool PathHealth::isPathActive(const Ptr<Ike::PathConnState>& path, bool watched,
 
   const auto refresh = [this, watched](const Ptr<Ike::PathConnSaInfo>& saInfo) {
     if (watched) {
-      sm_.securityAssociations().setSaInfoEntry(saInfo);
+      sm_.securityAssociations().setSaInfoEntry(*saInfo);
     } else {
       sm_.securityAssociations().setSaInfoEntry(saInfo->sakey());
     }

@@ -277,7 +277,7 @@ void SecurityAssociations::fillPathConnSaInfo(const Ptr<Ike::SecurityAssociation
 
 void SecurityAssociations::setSaInfoEntry(const SecurityAssociationKey& key) {
   if (const Paths::WatchedSa* watched = sm_.paths().watchedSa(key)) {
-    setSaInfoEntry(Ptr<Ike::PathConnSaInfo>(watched->saInfo));
+    setSaInfoEntry(*watched->saInfo);
     return;
   }
   const Ptr<Ike::VrfStatus>& vrfStatus = sm_.ipsecStatus()->vrfStatus(L3::kDefaultVrfName);
@@ -301,11 +301,11 @@ void SecurityAssociations::setSaInfoEntry(const SecurityAssociationKey& key) {
     TRACE("setSaInfoEntry: pathConnState not found", key);
     return;
   }
-  setSaInfoEntry(saInfo);
+  setSaInfoEntry(*saInfo);
 }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): what hears of it may take it away.
-void SecurityAssociations::setSaInfoEntry(Ptr<Ike::PathConnSaInfo> saInfo) {
+void SecurityAssociations::setSaInfoEntry(Ike::PathConnSaInfo& watched) {
+  const Ptr<Ike::PathConnSaInfo> saInfo(&watched);  // What hears of it may take it away.
   const IpsecCounters::IpsecSACounterEntry counters = saCounters(saInfo->sakey());
   if (counters == IpsecCounters::IpsecSACounterEntry()) {
     TRACE("saCounterEntry not found for sa with reqid :", saInfo->sa()->reqid());

@@ -50,7 +50,7 @@ class SecurityAssociations {
   /// Copies the data path's counters of one SA into its record on the path.
   void setSaInfoEntry(const SecurityAssociationKey& key);
   /// The same for an SA that a path's rekey machine watches.
-  void setSaInfoEntry(Ptr<Ike::PathConnSaInfo> watched);
+  void setSaInfoEntry(Ike::PathConnSaInfo& watched);
   /// The data path's counters of one SA; the empty entry when there is none or when it is corrupt,
   /// which is reported to the counter table.
   IpsecCounters::IpsecSACounterEntry saCounters(const SecurityAssociationKey& key) const;
