@@ -432,6 +432,11 @@ bool SecurityAssociations::deleteOldCryptoInfosOf(const IpGenAddr& peer,
   if (info.isEq(Controller::PeerKeyInfo())) {
     return false;  // Which generation is current is not known.
   }
+  // Before its first exchange a peer has refused keys at most, and their numbers may go down too.
+  const bool refused = !sm_.peerKeys().initialDhCompleted(peer);
+  const auto isOld = [published = info.rekeyCounter, refused](uint64_t count) {
+    return refused ? count != published : isMoreThanOneBehind(count, published);
+  };
   bool deleted = false;
   if (const Ptr<TesselPeerKeyInfoList> list = sm_.peerKeys().localPeerKeyInfoList(peer)) {
     for (const auto& [counter, generation] : list->peerKeyInfo()) {
@@ -439,7 +444,7 @@ bool SecurityAssociations::deleteOldCryptoInfosOf(const IpGenAddr& peer,
       const auto isOfGeneration = [peerCount](const DhKeyPair& pair) {
         return pair.peerRekeyCount == peerCount;
       };
-      if (!isMoreThanOneBehind(peerCount, info.rekeyCounter) || isInUse(state, isOfGeneration)) {
+      if (!isOld(peerCount) || isInUse(state, isOfGeneration)) {
         continue;
       }
       TRACE("Deleting local peerKeyInfo with rekeyCounter:", peerCount);
