@@ -46,6 +46,14 @@ void look(const void* memory) {
   }
 }
 
+// What is given back must not be taken for its own what another block left there before the watch.
+void* fresh(void* memory) {
+  if (memory != nullptr && watching) {
+    std::memset(memory, 0, malloc_usable_size(memory));
+  }
+  return memory;
+}
+
 void release(void* memory) {
   look(memory);
   std::free(memory);
@@ -108,7 +116,7 @@ int64_t tessel::test::liveAllocations() {
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
   ++calls;
   ++live;
-  return std::malloc(size != 0 ? size : 1);
+  return fresh(std::malloc(size != 0 ? size : 1));
 }
 
 void* operator new(size_t size) {
