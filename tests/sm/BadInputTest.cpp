@@ -3,7 +3,6 @@
 #include <openssl/bn.h>
 
 #include "sm/CryptoParams.h"
-#include "sm/PeerRecovery.h"
 #include "sm/SaRekey.h"
 #include "tests/sm/MachineFixture.h"
 
@@ -418,84 +417,6 @@ TEST_F(BadInputTest, TwoPathsWithOneRequestId) {
   touchMerge(second);
   expectComesUp(second);
   EXPECT_EQ(path(first)->pathConnSaInfo().keys(), sas);
-}
-
-// What is queued or called for can be gone when its turn comes: each operation says so and touches
-// nothing.
-TEST_F(BadInputTest, WhatIsGoneIsSaidAndNothingElseIsTouched) {
-  const FakePeer peer = makePeer(2);
-  const ConnectionKey here = establish(peer);
-  const IpGenAddr gone = address("192.0.2.77");
-  const ConnectionKey goneKey = pathKey(77);
-  const SecurityAssociationKey goneSa{77, gone, 50, 77, 2};
-  const DhKeyPair pair{0, 0};
-  run(1);
-  const struct {
-    const char* trace;
-    std::function<void()> act;
-  } rows[] = {
-      {"peerConnState not found", [&] { sm->cryptoParams().doValidateCryptoParams(gone); }},
-      {"peerConnState not found", [&] { sm->cryptoParams().doGetCryptoKeyLen(gone); }},
-      {"Failed to retrieve Peer Connection state",
-       [&] { EXPECT_FALSE(sm->keyDerivation().doGenerateCryptoKeys(gone, {}, pair, false)); }},
-      {"Could not find peer key info",
-       [&] {
-         EXPECT_FALSE(sm->keyDerivation().doGenerateCryptoKeys(peer.address, {}, {0, 9}, false));
-       }},
-      {"localKeyInfo not found",
-       [&] {
-         EXPECT_FALSE(sm->keyDerivation().doGenerateCryptoKeys(peer.address, {}, {9, 0}, false));
-       }},
-      {"rekeySm not found",
-       [&] {
-         EXPECT_FALSE(sm->keyDerivation().doGenerateCryptoKeys(peer.address, goneKey, pair, true));
-       }},
-      {"peerConnState not found", [&] { EXPECT_FALSE(sm->dhRekey().doDhRekey(gone)); }},
-      {"peerConnState not found", [&] { sm->dhRekey().dhRekeyBacklogProcessElem(gone); }},
-      {"peerConnState not found", [&] { sm->peerRecovery().recoverPeer(gone); }},
-      {"pathConnState not found", [&] { sm->pathHealth().sanitizePath(goneKey); }},
-      {"pathConnState not found", [&] { sm->pathHealth().isPathActive(goneKey, true); }},
-      {"pathConnState not found", [&] { sm->pathHealth().maybeClearPath(goneKey); }},
-      {"pathConnState not found", [&] { sm->pathHealth().clearPath(goneKey); }},
-      {"pathConnState not found", [&] { sm->pathHealth().prunePath(goneKey); }},
-      {"setSaInfoEntry: sa not found", [&] { sm->securityAssociations().setSaInfoEntry(goneSa); }},
-      {"controller SA not exists", [&] { sm->saRekey().maybeRekeySa(goneSa); }},
-      {"ipsecConnectionStatusInfo not found", [&] {
-         sm->securityAssociations().doCreateIpsecControllerSAs(goneKey, pair, profileName, 0,
-                                                               SaType::steadyPair);
-       }}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.trace);
-    const Everything everything(*host);
-    TraceCapture traces;
-    row.act();
-    EXPECT_TRUE(traces.has(row.trace));
-    EXPECT_EQ(everything.notifications(), 0U);
-    expectTablesAgree();
-  }
-
-  // An SA without limits is not rekeyed, and the sweeps go on; nor is there one without its VRF.
-  const SecurityAssociationKey out = sa(here, SaType::steadyOut)->sakey();
-  pass(here);
-  run(61);
-  pass(here);
-  host->ipsecStatus->testKnob()->pathTestKnob(here)->saRekeyTriggerIs(true);
-  const auto limits = vrf()->lifetimeCfg(out);
-  vrf()->lifetimeCfgDel(out);
-  {
-    TraceCapture traces;
-    run(11);
-    EXPECT_TRUE(traces.has("sa lifetime not configured for sa with reqid : 101"));
-    EXPECT_FALSE(sa(here, SaType::steadyOut)->rekey());
-  }
-  const auto table = vrf();
-  host->ipsecStatus->vrfStatusDel("default");
-  {
-    TraceCapture traces;
-    run(130);
-    sm->saRekey().saBacklogProcessElem(out);
-    EXPECT_TRUE(traces.has("ipsecVrfStatus not found"));
-  }
 }
 
 TEST_F(BadInputTest, WhatNoInputCanCauseEndsTheProcess) {

@@ -60,6 +60,103 @@ TEST_F(DhRekeyTest, TheRoleFollowsFromWhichGenerationsAreTheNewest) {
   }
 }
 
+TEST_F(DhRekeyTest, TheTestKnobSetsExpiryWithinReason) {
+  host->ipsecDpsPathConfig->routerIdIs(IpGenAddr());
+  start();
+  EXPECT_FALSE(dhRekey().hasDhTimerExpired());  // There is no key yet.
+  EXPECT_TRUE(dhRekey().checkAllLocalSaState(0, DhRekeyState::inSaInstalled));  // Nor a path.
+  host->ipsecDpsPathConfig->routerIdIs(address("192.0.2.1"));
+  run(1000);
+  const Ptr<Ike::TestKnob>& knob = host->ipsecStatus->testKnob();
+  knob->dhExpiryTimeIs(seconds(300));
+  EXPECT_TRUE(dhRekey().hasDhTimerExpired());
+  knob->dhExpiryTimeIs(seconds(299.9));
+  EXPECT_FALSE(dhRekey().hasDhTimerExpired());
+  EXPECT_FALSE(knob->dhExpiryTime());  // Taken back.
+}
+
+TEST_F(DhRekeyTest, APeerThatOnePathMarkedDownTakesPart) {
+  const FakePeer peer = makePeer(2);
+  const ConnectionKey key = establish(peer);
+  state(peer)->peerConnStatusIs(PeerConnStatus::down);
+  ASSERT_TRUE(sm->localKey().generateLocalKeyInfo(1));
+  dhRekey().dhRekeyBacklogProcessElem(peer.address);
+  EXPECT_EQ(state(peer)->peerConnStatus(), PeerConnStatus::ready);
+  ASSERT_TRUE(sa(key, SaType::dhRekeyIn));
+  EXPECT_EQ(sa(key, SaType::dhRekeyIn)->dhKeyPair(), (DhKeyPair{1, 0}));
+}
+
+TEST_F(DhRekeyTest, ARekeyThatIsForcedAgainStartsOver) {
+  const FakePeer peer = makePeer(2);
+  const ConnectionKey key = establish(peer);
+  const auto force = [&] {
+    host->ipsecStatus->testKnob()->dhRekeyTriggerIs(true);
+    dhRekey().handleDhRekeyTimer();
+    run(0);
+    return sa(key, SaType::dhRekeyIn);
+  };
+  const auto first = force();
+  ASSERT_TRUE(first);
+  const auto second = force();
+  ASSERT_TRUE(second);
+  EXPECT_NE(first->sakey().spi, second->sakey().spi);  // Of another key, under the same number.
+  EXPECT_EQ(first->dhKeyPair(), second->dhKeyPair());
+  EXPECT_EQ(path(key)->pathConnSaInfo().size(), 3U);
+  expectTablesAgree();
+
+  // A path that lost its in-SA gets it again, in the place of a retired one with the same key.
+  second->saTypeIs(SaType::retiredIn);
+  EXPECT_TRUE(dhRekey().catchUpPaths(peer.address));
+  EXPECT_FALSE(sa(key, SaType::retiredIn));
+  ASSERT_TRUE(sa(key, SaType::dhRekeyIn));
+  EXPECT_EQ(sa(key, SaType::dhRekeyIn)->sakey(), second->sakey());
+  EXPECT_FALSE(dhRekey().catchUpPaths(peer.address));
+  expectTablesAgree();
+
+  // A key that is gone when it is to be published leaves the published one.
+  sm->localKey().localKeyInfoDel(1);
+  dhRekey().setLocalDhState(1, DhRekeyState::inSaInstalled);
+  dhRekey().handleDhRekeyTimer();
+  EXPECT_EQ(host->ipsecLocalKeyDir->rekeyCounter(), 0U);
+  EXPECT_EQ(dhRekey().dhRekeyState(), DhRekeyState::inSaInstalled);
+}
+
+// The data path can report any SA at any time: one that has no part in what its path is doing moves
+// nothing.
+TEST_F(DhRekeyTest, AnInstalledSaOfNoRekeyMovesNothing) {
+  const FakePeer peer = makePeer(2);
+  const ConnectionKey key = establish(peer);
+  const Ptr<RekeySm> rekeySm = sm->paths().rekeySm(key);
+  const auto out = sa(key, SaType::steadyOut);
+  const auto expectNothing = [&](const Ptr<Ike::SecurityAssociation>& installed) {
+    path(key)->pathStateIs(DynamicPathState::idle);
+    (void)events.take();
+    rekeySm->handleSaInstalled(installed->sakey());
+    EXPECT_EQ(path(key)->pathState(), DynamicPathState::idle);
+    EXPECT_THAT(events.take(), IsEmpty());
+  };
+  out->saTypeIs(SaType::retiredOut);
+  for (const SmState role : {SmState::initiator, SmState::responder}) {
+    path(key)->saSmStateIs(role);
+    expectNothing(out);
+    path(key)->dhStateIs({0, 0})->dhSmStateIs(role);
+    expectNothing(out);
+    path(key)->dhStateDelAll();
+  }
+  // Nor does an SA rekey make an out-SA beside the newer one of a DH rekey.
+  Ike::CryptoInfo info = state(peer)->dhCryptoInfo({0, 0})->cryptoInfo();
+  ++info.firstSpi;
+  state(peer)->dhCryptoInfoIs({1, 0})->cryptoInfoIs(info);
+  sm->securityAssociations().doCreateIpsecControllerSAs(key, {1, 0}, profileName, 0,
+                                                        SaType::dhRekeyOut);
+  ASSERT_TRUE(sa(key, SaType::dhRekeyOut));
+  path(key)->saSmStateIs(SmState::initiator);
+  const auto in = sa(key, SaType::steadyIn);
+  in->saTypeIs(SaType::saRekeyIn);
+  expectNothing(in);
+  EXPECT_FALSE(sa(key, SaType::saRekeyOut));
+}
+
 /// One path whose in-SAs and out-SA in use are of any generations.
 class DhRekeyOutSaTest : public DhRekeyTest {
  protected:

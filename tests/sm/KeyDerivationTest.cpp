@@ -167,10 +167,26 @@ TEST_F(KeyDerivationTest, ASharedSecretIsThatOfTheTwoKeysInUse) {
   }
 }
 
-TEST_F(KeyDerivationTest, NothingIsDerivedWithoutBothNonces) {
-  generationsAreUsual();
-  remote_->nonce.clear();
-  EXPECT_FALSE(derive());
+TEST_F(KeyDerivationTest, NothingIsDerivedWithoutWhatItComesFrom) {
+  const struct {
+    const char* trace;
+    std::function<void()> disturb;
+  } rows[] = {
+      {"Failed to retrieve local nonce", [&] { local_->nonce.clear(); }},
+      {"Failed to retrieve peer nonce", [&] { remote_->nonce.clear(); }},
+      {"initIpsecDH failed to initialize ipsecLocalDH", [&] { local_->dhGroup = 18; }},
+      {"Failed to set private key to ipsecLocalDh", [&] { local_->privateKey = SecretBytes(5); }}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.trace);
+    generationsAreUsual();
+    row.disturb();
+    TraceCapture traces;
+    EXPECT_FALSE(derive());
+    EXPECT_TRUE(traces.has(row.trace));
+    EXPECT_TRUE(peer_->dhCryptoInfo().empty());
+  }
+  host->ipsecLocalKeyDir->validIs(false);
+  EXPECT_FALSE(sm->keyDerivation().doGeneratePeerCryptoInfo(kPeer, kPair, false));
   EXPECT_TRUE(peer_->dhCryptoInfo().empty());
   // Nor for an SA rekey, whose nonces are the path's.
   const ConnectionKey key = pathKey(1);

@@ -94,12 +94,19 @@ TEST_F(LocalKeyTest, AFailureLeavesNothingHalfDone) {
   const struct {
     const char* trace;
     std::function<void()> disturb;
-  } rows[] = {{"Security association not configured",
-               [&] { host->ipsecConfig->securityAssocDel(profileName); }},
-              {"initIpsecDH failed for DH Group :",
-               [&] { settingsIs([](auto& settings) { settings.dhGroup = IpsecDhGroup(18); }); }},
-              {"Failed to retrive local public key", drawFails(1)},
-              {"Failed to generate nonce", drawFails(2)}};
+  } rows[] = {
+      {"ipsec profile config missing", [&] { host->ipsecConfig->ipsecProfileDel(profileName); }},
+      {"VTEP IP is not configured or the address is invalid",
+       [&] {
+         host->ipsecDpsPathConfig->routerIdIs(IpGenAddr());
+         host->ipsecLocalKeyDir->originatorIdIs(IpGenAddr());
+       }},
+      {"Security association not configured",
+       [&] { host->ipsecConfig->securityAssocDel(profileName); }},
+      {"initIpsecDH failed for DH Group :",
+       [&] { settingsIs([](auto& settings) { settings.dhGroup = IpsecDhGroup(18); }); }},
+      {"Failed to retrive local public key", drawFails(1)},
+      {"Failed to generate nonce", drawFails(2)}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.trace);
     startOver();
@@ -190,9 +197,10 @@ TEST_F(LocalKeyTest, AlgorithmsAreThoseOfTheMostPreferredSuite) {
 
 TEST_F(LocalKeyTest, TheAppliedProfileIsTheOneThatTheSettingsName) {
   host->ipsecConfig->ipsecProfileIs("B")->securityAssocNameIs(profileName);
+  host->ipsecStatus->appliedProfilesIs("interface");  // Something else applies it.
   start();
   const auto& applied = host->ipsecStatus->appliedProfiles();
-  EXPECT_THAT(applied.keys(), ElementsAre(profileName));
+  EXPECT_THAT(applied.keys(), ElementsAre("interface", profileName));
   uint32_t published = host->ipsecLocalKeyDir->updateVersion();
 
   // The same name: no event, but a fresh key.
@@ -204,7 +212,8 @@ TEST_F(LocalKeyTest, TheAppliedProfileIsTheOneThatTheSettingsName) {
   EXPECT_EQ(host->ipsecLocalKeyDir->updateVersion(), published + 1);
 
   settingsIs([](auto& s) { s.profileName = "B"; });
-  EXPECT_THAT(applied.keys(), ElementsAre("B"));  // Nothing applies the other one any more.
+  EXPECT_THAT(applied.keys(),
+              ElementsAre("interface", "B"));  // Nothing applies the other one any more.
 
   // Notifications: only the applied profile's count.
   published = host->ipsecLocalKeyDir->updateVersion();
@@ -225,7 +234,7 @@ TEST_F(LocalKeyTest, TheAppliedProfileIsTheOneThatTheSettingsName) {
   EXPECT_TRUE(host->ipsecLocalKeyDir->valid());
 
   settingsIs([](auto& s) { s.profileName = ""; });
-  EXPECT_THAT(applied.keys(), ElementsAre(profileName));
+  EXPECT_THAT(applied.keys(), ElementsAre("interface", profileName));
   expectNoKey();
 }
 

@@ -171,6 +171,7 @@ TEST_F(PathHealthTest, PruningLeavesTheCurrentGenerationAndNewerOnesAlone) {
   };
   addSa(SaType::retiredOut, older);
   addSa(SaType::saRekeyOut, current);
+  addSa(SaType::dhRekeyIn, current);
   // A steady SA of another generation than the published one, wherever it stands: nothing is
   // deleted.
   in->dhKeyPairIs(current);
@@ -183,9 +184,20 @@ TEST_F(PathHealthTest, PruningLeavesTheCurrentGenerationAndNewerOnesAlone) {
   host->ipsecLocalKeyDir->rekeyCounterIs(2);
   sm->paths().setPathState(pruned, DynamicPathState::dhInitiatorComplete);
   sm->pathHealth().prunePath(key);
-  EXPECT_EQ(pruned->pathConnSaInfo().size(), 6U);
+  EXPECT_EQ(pruned->pathConnSaInfo().size(), 7U);
   EXPECT_EQ(pruned->saCryptoInfo().size(), 3U);
   EXPECT_EQ(pruned->pathState(), DynamicPathState::dhInitiatorComplete);
+
+  // An SA rekey of the old generation came first: an initiator goes on to wait for its DH rekey.
+  sm->paths().setPathState(pruned, DynamicPathState::saResponderComplete);
+  for (const SmState role : {SmState::responder, SmState::initiator}) {
+    pruned->dhStateIs(current)->dhSmStateIs(role);
+    sm->pathHealth().prunePath(key);
+    EXPECT_EQ(pruned->pathState(), role == SmState::initiator
+                                       ? DynamicPathState::dhInitiatorInSaInstalled
+                                       : DynamicPathState::saResponderComplete);
+  }
+  EXPECT_EQ(pruned->pathConnSaInfo().size(), 7U);
 
   last->dhKeyPairIs(current);
   (void)events.take();
@@ -196,6 +208,59 @@ TEST_F(PathHealthTest, PruningLeavesTheCurrentGenerationAndNewerOnesAlone) {
   EXPECT_THAT(pruned->dhState().keys(), ElementsAre(current, newer));
   EXPECT_EQ(events.take().back(), "path 1 prunePath idle(2)");
   expectTablesAgree();
+}
+
+// The look at the counters that decides whether a path is alive can bring the peer's nonce, or the
+// packets that were missed: the path is neither taken for idle then nor cleared.
+TEST_F(PathHealthTest, WhatTheCountersBringIsNotUndone) {
+  enum Case { nonceInTheSanityPass, nonceAsThePathExpires, packetsAsThePathExpires };
+  for (const Case what : {nonceInTheSanityPass, nonceAsThePathExpires, packetsAsThePathExpires}) {
+    SCOPED_TRACE(what);
+    const FakePeer peer = makePeer(2);
+    const ConnectionKey key = establishSeen(peer);
+    const auto before = path(key);
+    sm->paths().setPathState(before, DynamicPathState::active);
+    if (what == packetsAsThePathExpires) {
+      pass(key);
+    } else {
+      host->ipsecCounterTable->saCounterEntryIs(sa(key, SaType::steadyIn)->sakey()).nonceWord =
+          nonceWord(NonceType::initiator, 5);
+    }
+    if (what == nonceInTheSanityPass) {
+      sm->pathHealth().sanitizePath(key);
+    } else {
+      expire(key);
+      state(peer)->dhCryptoInfoDelAll();  // Not the current keys: nothing else speaks for the path.
+      sm->pathHealth().maybeClearPath(key);
+    }
+    ASSERT_EQ(path(key), before);
+    EXPECT_EQ(before->pathState(), what == packetsAsThePathExpires
+                                       ? DynamicPathState::active
+                                       : DynamicPathState::saResponderNonceAccepted);
+    finish(peer);
+  }
+}
+
+// A path without its sanity check, or without what the agent says of it, is not up and not cleared.
+TEST_F(PathHealthTest, APathOfWhichSomethingIsMissing) {
+  const FakePeer peer = makePeer(2);
+  const ConnectionKey key = establishSeen(peer);
+  const auto before = path(key);
+  EXPECT_TRUE(sm->pathHealth().isPathCleared(before));
+  const auto status = pathStatus(key);
+  host->ipsecPathStatusDir->ipsecPathStatusDel(key);
+  EXPECT_FALSE(sm->pathHealth().isPathCleared(before));
+  describePath(*host, key, peer.address, "path 1");
+  EXPECT_TRUE(sm->pathHealth().isPathCleared(before));
+  {
+    // The agent forgets the path in the moment in which it is rebuilt.
+    TraceCapture traces;
+    const Meddler meddler(
+        *host->tesselV1, [&](const Change&) { host->ipsecPathStatusDir->ipsecPathStatusDel(key); });
+    sm->pathHealth().clearPath(key);
+    EXPECT_TRUE(traces.has("pathStatus not found."));
+  }
+  expectNoPathLeft();
 }
 
 // Reading the counters tells the SAs' reactors and whoever else listens; what they do to the path
