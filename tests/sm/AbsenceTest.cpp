@@ -40,6 +40,8 @@ TEST_F(AbsenceTest, WhatIsGoneIsSaidAndNothingElseIsTouched) {
   const Ptr<RekeySm> rekeySm = sm->paths().rekeySm(here);
   const auto gonePeersSa = makePtr<Ike::SecurityAssociation>(goneSa);
   gonePeersSa->remoteIpIs(gone);
+  const auto gonePeersPath = makePtr<Ike::PathConnState>(*host->ipsecStatus, goneKey);
+  gonePeersPath->remoteIpIs(gone);
   const auto createSas = [&](const ConnectionKey& key) {
     sm->securityAssociations().doCreateIpsecControllerSAs(key, pair, profileName, 0,
                                                           SaType::steadyPair);
@@ -89,6 +91,7 @@ TEST_F(AbsenceTest, WhatIsGoneIsSaidAndNothingElseIsTouched) {
       {"local peerKey not found for peer", [&] { sm->dhRekey().doDhRekey(bare.address); }},
       {"peerConnState not found", [&] { sm->dhRekey().markPathsAsDhRekeyResponder(gone); }},
       {"peerConnState not found", [&] { sm->securityAssociations().doDeletePeerSAs(gone); }},
+      {"peerConnState not found", [&] { sm->paths().destroyPath(gonePeersPath); }},
       {"peerConnState not found",
        [&] { sm->securityAssociations().fillPathConnSaInfo(gonePeersSa); }},
       {"Unknown SA with srcAddr :", [&] { getConnectionKeyFromSa(*gonePeersSa); }},
@@ -161,7 +164,18 @@ TEST_F(AbsenceTest, ARekeyMachineWithoutItsPath) {
     EXPECT_TRUE(traces.has("setSaInfoEntry: pathConnState not found"));
     EXPECT_FALSE(rekeySm->getSaFromType(SaType::steadyOut));
     EXPECT_FALSE(out->rekey());
+    (void)sm->pathHealth().isPathActive(key, true);  // Takes what was counted before.
+    pass(key);
+    EXPECT_FALSE(sm->pathHealth().isPathActive(key, true));
     out->softExpireIs(false);
+  }
+  // Nor does another path in its place make the SAs that one's.
+  rekeySm->pathConnStateIs(makePtr<Ike::PathConnState>(*host->ipsecStatus, key));
+  {
+    TraceCapture traces;
+    runWithTraffic(key, 15);
+    EXPECT_TRUE(traces.has("pathConnSaInfo not found"));
+    EXPECT_FALSE(out->softExpire());
   }
   EXPECT_EQ(path(key)->saSmState(), SmState::idle);
 
@@ -173,6 +187,7 @@ TEST_F(AbsenceTest, ARekeyMachineWithoutItsPath) {
     TraceCapture traces;
     runWithTraffic(key, 15);
     sm->saRekey().maybeRekeySa(out->sakey());
+    sm->securityAssociations().setSaInfoEntry(out->sakey());
     EXPECT_TRUE(traces.has("rekeySm not found"));
     EXPECT_FALSE(out->rekey());
   }
@@ -182,6 +197,12 @@ TEST_F(AbsenceTest, ARekeyMachineWithoutItsPath) {
   runWithTraffic(key, 15);
   EXPECT_TRUE(out->rekey());
   EXPECT_EQ(kept->saSmState(), SmState::initiator);
+
+  // A DH rekey goes on without it.
+  sm->paths().rekeySmDelAll();
+  ASSERT_TRUE(sm->localKey().generateLocalKeyInfo(1));
+  EXPECT_TRUE(sm->dhRekey().doDhRekey(peer.address));
+  EXPECT_TRUE(kept->dhStateHas({1, 0}));
 }
 
 // With the notifications off nothing is followed, and the SAs that came meanwhile are found when

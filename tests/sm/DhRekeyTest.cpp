@@ -113,12 +113,63 @@ TEST_F(DhRekeyTest, ARekeyThatIsForcedAgainStartsOver) {
   EXPECT_FALSE(dhRekey().catchUpPaths(peer.address));
   expectTablesAgree();
 
+  run(121);  // Past the delay after the first peer.
   // A key that is gone when it is to be published leaves the published one.
   sm->localKey().localKeyInfoDel(1);
   dhRekey().setLocalDhState(1, DhRekeyState::inSaInstalled);
+  TraceCapture traces;
   dhRekey().handleDhRekeyTimer();
   EXPECT_EQ(host->ipsecLocalKeyDir->rekeyCounter(), 0U);
   EXPECT_EQ(dhRekey().dhRekeyState(), DhRekeyState::inSaInstalled);
+  EXPECT_TRUE(traces.has("Failed to update local key information"));
+}
+
+TEST_F(DhRekeyTest, OnlyPathsThatCanTakePartAreWaitedFor) {
+  const ConnectionKey waits = pathKey(2);
+  const struct {
+    const char* what;
+    std::function<void()> disturb;
+  } rows[] = {
+      {"", [] {}},
+      {"the path is not wanted", [&] { pathStatus(waits)->establishAllowedIs(false); }},
+      {"its underlay is down",
+       [&] { pathStatus(waits)->stateIs(static_cast<Path::UnderlayState>(1)); }},
+      {"its status is gone", [&] { host->ipsecPathStatusDir->ipsecPathStatusDel(waits); }},
+      {"its connection is gone", [&] { host->ipsecStatus->ipsecConnectionStatusInfoDel(waits); }},
+      {"its connection is not up",
+       [&] { host->ipsecStatus->ipsecConnectionStatusInfo(waits)->connectionStateIs(1); }},
+      {"its peer is down",
+       [&] {
+         host->ipsecStatus->ipsecPeerConnectionState(address("192.0.2.3"))
+             ->peerConnStatusIs(PeerConnStatus::down);
+       }},
+      {"it has no in-SA",
+       [&] { sm->securityAssociations().doDeleteSA(sa(waits, SaType::steadyIn), path(waits)); }},
+      {"it has no out-SA",
+       [&] { sm->securityAssociations().doDeleteSA(sa(waits, SaType::steadyOut), path(waits)); }},
+      {"it has no rekey machine", [&] { sm->paths().rekeySmDel(waits); }},
+      {"it has waited for a minute", [&] { run(60.1); }}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    startOver();
+    start();  // Before the peers: keys are drawn from one source.
+    const ConnectionKey done = establish(makePeer(2), 1);
+    establish(makePeer(3), 2);
+    run(121);
+    host->ipsecStatus->testKnob()->dhRekeyTriggerIs(true);
+    dhRekey().handleDhRekeyTimer();
+    run(0);
+    host->ipsecCounterTable->saCounterEntryIs(sa(done, SaType::dhRekeyIn)->sakey()).addTime = 1;
+    run(6);  // A sweep takes in what is installed.
+    EXPECT_EQ(path(done)->pathState(), DynamicPathState::dhInitiatorInSaInstalled);
+    EXPECT_EQ(path(waits)->pathState(), DynamicPathState::dhInitiatorMarked);
+    row.disturb();
+    dhRekey().handleDhRekeyTimer();
+    const bool goesOn = std::string(row.what) != "";
+    EXPECT_EQ(host->ipsecLocalKeyDir->rekeyCounter(), goesOn ? 1U : 0U);
+    EXPECT_EQ(dhRekey().dhRekeyState(),
+              goesOn ? DhRekeyState::inProgress : DhRekeyState::initiated);
+  }
 }
 
 // The data path can report any SA at any time: one that has no part in what its path is doing moves

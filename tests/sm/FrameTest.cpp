@@ -47,6 +47,18 @@ TEST_F(Frame, MembersAreFollowedFromTheStartAndUntilTheyGo) {
       start();
       EXPECT_THAT(reached(add), ElementsAre("Handle clear", "handleProfile"));
     }
+    // The same member once more is no other; another one in its place is.
+    EXPECT_THAT(reached([&] {
+                  sm->clearCliPathIs(counter);
+                  sm->profileNotificationIs(notification);
+                  sm->pathConnectionInfoIs(info);
+                }),
+                IsEmpty());
+    EXPECT_THAT(reached([&] {
+                  sm->clearCliPathIs(makePtr<Ike::ClearPathCounter>(key));
+                  sm->clearCliPathIs(counter);
+                }),
+                ElementsAre("Handle clear", "Handle clear"));
     const auto change = [&] {
       counter->clearCntInc(1);
       notification->changeCntInc(1);
@@ -66,6 +78,13 @@ TEST_F(Frame, MembersAreFollowedFromTheStartAndUntilTheyGo) {
   EXPECT_THROW(sm->clearCliPathIs(nullptr), NullArgument);
   EXPECT_THROW(sm->profileNotificationIs(nullptr), NullArgument);
   EXPECT_THROW(sm->pathConnectionInfoIs(nullptr), NullArgument);
+  const auto helper = sm->confHelper();
+  EXPECT_EQ(sm->confHelperIs(host->ipsecConfig, host->ipsecStatus, nullptr, nullptr, nullptr,
+                             nullptr, nullptr, nullptr),
+            helper);
+  EXPECT_NE(sm->confHelperIs(host->ipsecConfig, host->ipsecStatus, nullptr, nullptr, nullptr,
+                             host->mergeData, nullptr, nullptr),
+            helper);
 }
 
 TEST_F(Frame, AMemberThatIsGoneBeforeTheMachineHearsOfItIsIgnored) {

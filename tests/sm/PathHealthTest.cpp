@@ -261,6 +261,18 @@ TEST_F(PathHealthTest, APathOfWhichSomethingIsMissing) {
     EXPECT_TRUE(traces.has("pathStatus not found."));
   }
   expectNoPathLeft();
+
+  // One that something else has put under the peer, without a sanity check: the first log gives it
+  // one.
+  describePath(*host, key, peer.address, "path 1");
+  const auto bare = state(peer)->pathConnStateIs(key);
+  EXPECT_FALSE(sm->pathHealth().isPathActive(key, true));
+  sm->pathHealth().maybeClearPath(key);
+  EXPECT_EQ(path(key), bare);
+  host->ipsecCounterTable->sessionCounterEntryIs(bare->reqid()).pktsIn = 3;
+  run(61);
+  ASSERT_TRUE(bare->sanityCheck());
+  EXPECT_EQ(bare->sanityCheck()->pktsIn(), 3U);
 }
 
 // Reading the counters tells the SAs' reactors and whoever else listens; what they do to the path

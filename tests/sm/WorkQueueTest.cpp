@@ -108,7 +108,9 @@ TEST_F(WorkQueueTest, DoesNotProcessWhatWasDeleted) {
   EXPECT_TRUE(time_->runNext());
   queue_.del('c');
   EXPECT_EQ(runAll(), "|b|d");
-  // Before any run.
+  // Before any run, and when there is nothing.
+  queue_.del('b');
+  EXPECT_FALSE(queue_.has('b'));
   add("bc");
   queue_.del('b');
   queue_.del('z');
