@@ -78,6 +78,7 @@ TEST_F(Frame, MembersAreFollowedFromTheStartAndUntilTheyGo) {
   EXPECT_THROW(sm->clearCliPathIs(nullptr), NullArgument);
   EXPECT_THROW(sm->profileNotificationIs(nullptr), NullArgument);
   EXPECT_THROW(sm->pathConnectionInfoIs(nullptr), NullArgument);
+  EXPECT_THROW(makePtr<NestedSm_ClearCliPath>(*sm, nullptr), NullArgument);
   const auto helper = sm->confHelper();
   EXPECT_EQ(sm->confHelperIs(host->ipsecConfig, host->ipsecStatus, nullptr, nullptr, nullptr,
                              nullptr, nullptr, nullptr),

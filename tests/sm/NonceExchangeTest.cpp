@@ -61,6 +61,17 @@ TEST_F(NonceExchangeTest, AnSaThatIsBeingRekeyedIsNotRekeyedAgain) {
   EXPECT_EQ(path(key_)->saLocalNonce().nonceValue, 0U);
 }
 
+TEST_F(NonceExchangeTest, AnSaThatIsNotInstalledDoesNotExpireByTime) {
+  vrf()->lifetimeCfg(out_->sakey())->softAddExpireIs(1);
+  uint64_t& addTime = host->ipsecCounterTable->saCounterEntryIs(out_->sakey()).addTime;
+  for (const uint64_t added : {uint64_t{0}, addTime}) {
+    addTime = added;
+    pass(key_);
+    sm->saRekey().handleSaRekeyTimer();
+    EXPECT_EQ(out_->softExpire(), added != 0);
+  }
+}
+
 TEST_F(NonceExchangeTest, ANonceThatCannotBeUsedChangesNothing) {
   const auto in = path(key_)->pathConnSaInfo(sa(key_, SaType::steadyIn)->sakey());
   const Ptr<RekeySm> rekeySm = sm->paths().rekeySm(key_);

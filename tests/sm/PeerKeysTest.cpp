@@ -1,6 +1,7 @@
 // Peer keys: what a record means given what is known of the peer, and what is forgotten when.
 #include <bit>
 
+#include "sm/PeerRecovery.h"
 #include "tests/sm/MachineFixture.h"
 
 namespace tessel::Ipsec {
@@ -177,6 +178,39 @@ TEST_F(PeerKeysTest, ARecordThatDoesNotFitKeepsThePeerDownUntilOneDoes) {
   EXPECT_EQ(state(peer)->peerConnStatus(), PeerConnStatus::ready);
   EXPECT_THAT(generations(peer), ElementsAre(counter));
   EXPECT_TRUE(sa(key, SaType::steadyIn));
+}
+
+// What brings a peer back is its queue where the record is not taken in yet, and its next first
+// exchange where there was none: recovery would derive from what is out of date.
+TEST_F(PeerKeysTest, OnlyAPeerWhoseRecordIsTakenInIsRecovered) {
+  FakePeer peer = makePeer(2);
+  const struct {
+    const char* what;
+    std::function<void()> disturb;
+  } rows[] = {
+      {"", [] {}},
+      {"its record is gone", [&] { withdraw(peer); }},
+      {"it has published a newer key",
+       [&] {
+         peer.rekey();
+         publish(peer);
+       }},
+      {"it has started over",
+       [&] {
+         peer.renew(1);
+         publish(peer);
+       }},
+      {"its first exchange failed", [&] { sm->peerKeys().initialDhCompletedDel(peer.address); }}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    establish(peer);
+    state(peer)->peerConnStatusIs(PeerConnStatus::down);
+    row.disturb();
+    sm->peerRecovery().recoverPeers();
+    EXPECT_EQ(state(peer)->peerConnStatus(),
+              row.what == rows[0].what ? PeerConnStatus::ready : PeerConnStatus::down);
+    finish(peer);
+  }
 }
 
 TEST_F(PeerKeysTest, TheRoleSurvivesARecordThatComesBackAndNothingElse) {
