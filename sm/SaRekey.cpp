@@ -63,17 +63,17 @@ void SaRekey::checkSoftExpiry(const SecurityAssociationKey& key,
                               const Ptr<Ike::SecurityAssociation>& sa,
                               const Ike::VrfStatus& vrfStatus) {
   const IpsecCounters::IpsecSACounterEntry counters = sm_.securityAssociations().saCounters(key);
-  const RekeySm* rekeySm =
+  const LivePath live =
       findLivePath(key, *sa, counters, "handleSaRekeyTimer: connectionKey not found");
-  if (rekeySm == nullptr) {
+  if (live.rekeySm == nullptr) {
     return;
   }
-  const Ptr<Ike::PathConnState>& path = rekeySm->pathConnState();
+  const Ptr<Ike::PathConnState>& path = live.rekeySm->pathConnState();
   if (path->saSmState() != SmState::idle) {
     TRACE("Not initiating a rekey as prior rekey is still in progress", key);
     return;
   }
-  if (!isOfPath(key, *rekeySm)) {
+  if (!isOfPath(key, live)) {
     TRACE("pathConnSaInfo not found", key);
     return;
   }
@@ -91,14 +91,14 @@ void SaRekey::checkSoftExpiry(const SecurityAssociationKey& key,
     return;
   }
   // Looking at the counters may run reactors that destroy the path.
-  const ConnectionKey connectionKey = rekeySm->connectionKey();
+  const Ptr<RekeySm> rekeySm(live.rekeySm);
+  const ConnectionKey& connectionKey = rekeySm->connectionKey();
   if (path->pathState() != DynamicPathState::active ||
       !sm_.pathHealth().isPathActive(*rekeySm, false)) {
     TRACE("Not rekeying as path is not active", connectionKey);
     return;
   }
-  const Ptr<Ike::TestKnob>& testKnob = sm_.ipsecStatus()->testKnob();
-  const Ptr<Ike::PathTestKnob> knob = testKnob ? testKnob->pathTestKnob(connectionKey) : nullptr;
+  const Ptr<Ike::PathTestKnob> knob(rekeySm->testKnob());
   const bool forced = knob && knob->saRekeyTrigger();
   if (forced) {
     TRACE("sa rekey test knob set", connectionKey);
@@ -134,20 +134,21 @@ bool SaRekey::hasSoftExpired(const Ike::LifetimeCfg& limits,
   return expired;
 }
 
-const RekeySm* SaRekey::findLivePath(const SecurityAssociationKey& key,
-                                     const Ike::SecurityAssociation& sa,
-                                     const IpsecCounters::IpsecSACounterEntry& counters,
-                                     const char* connectionKeyText) const {
+SaRekey::LivePath SaRekey::findLivePath(const SecurityAssociationKey& key,
+                                        const Ike::SecurityAssociation& sa,
+                                        const IpsecCounters::IpsecSACounterEntry& counters,
+                                        const char* connectionKeyText) const {
   if (counters == IpsecCounters::IpsecSACounterEntry()) {
     TRACE("saCounterEntry not found for sa with reqid : ", sa.reqid(), " spi : ", spiText(key.spi),
           " daddr : ", key.daddr);
-    return nullptr;
+    return {};
   }
-  if (const Paths::WatchedSa* watched = sm_.paths().watchedSa(key)) {
+  const Paths::WatchedSa* const watched = sm_.paths().watchedSa(key);
+  if (watched != nullptr) {
     const RekeySm& rekeySm = *watched->rekeySm;
     const Ike::IpsecConnectionStatusInfo* const connection = rekeySm.connectionStatus();
     if (connection != nullptr && connection->isUsable() && rekeySm.pathConnState()) {
-      return &rekeySm;
+      return {watched->rekeySm, true};
     }
   }
   const ConnectionKey connectionKey = getConnectionKeyFromSa(sa);
@@ -155,28 +156,26 @@ const RekeySm* SaRekey::findLivePath(const SecurityAssociationKey& key,
       sm_.ipsecStatus()->ipsecConnectionStatusInfo(connectionKey);
   if (!connection) {
     TRACE(connectionKeyText, connectionKey);
-    return nullptr;
+    return {};
   }
   if (!connection->isUsable()) {
     TRACE("connection not Established or connected yet", connectionKey);
-    return nullptr;
+    return {};
   }
   const Ptr<RekeySm>& rekeySm = sm_.paths().rekeySm(connectionKey);
   if (!rekeySm) {
     TRACE("rekeySm not found", connectionKey);
-    return nullptr;
+    return {};
   }
   if (!rekeySm->pathConnState()) {
     TRACE("pathConnState not found", connectionKey);
-    return nullptr;
+    return {};
   }
-  return rekeySm.get();
+  return {rekeySm.get(), watched != nullptr && watched->rekeySm == rekeySm.get()};
 }
 
-bool SaRekey::isOfPath(const SecurityAssociationKey& key, const RekeySm& rekeySm) const {
-  const Paths::WatchedSa* const watched = sm_.paths().watchedSa(key);
-  return (watched != nullptr && watched->rekeySm == &rekeySm) ||
-         rekeySm.pathConnState()->pathConnSaInfoHas(key);
+bool SaRekey::isOfPath(const SecurityAssociationKey& key, const LivePath& live) {
+  return live.watches || live.rekeySm->pathConnState()->pathConnSaInfoHas(key);
 }
 
 void SaRekey::handleUpdateRekeyTimer() {
@@ -193,19 +192,24 @@ void SaRekey::handleUpdateRekeyTimer() {
     TRACE("ipsecVrfStatus not found", L3::kDefaultVrfName);
     return;
   }
+  WorkQueue<SecurityAssociationKey>& backlog = sm_.saBacklog();
+  const bool noneWaits = backlog.empty();
   bool queued = false;
   for (const auto& [key, sa] : vrfStatus->tesselSa()) {
-    const RekeySm* rekeySm = findLivePath(key, *sa, sm_.securityAssociations().saCounters(key),
-                                          "handleUpdateRekeyTimer: connectionKey not found");
-    if (rekeySm == nullptr) {
+    const LivePath live = findLivePath(key, *sa, sm_.securityAssociations().saCounters(key),
+                                       "handleUpdateRekeyTimer: connectionKey not found");
+    if (live.rekeySm == nullptr) {
       continue;
     }
-    if (!isOfPath(key, *rekeySm)) {
+    if (!isOfPath(key, live)) {
       TRACE("pathConnSaInfo not found", key);
       continue;
     }
     TRACE("scheduling saTask", key);
-    sm_.saBacklogIs(key);
+    if (!queued) {
+      backlog.reserve(vrfStatus->tesselSa().size());
+    }
+    noneWaits ? backlog.addNew(key) : backlog.add(key);
     queued = true;
   }
   if (queued) {
@@ -229,42 +233,47 @@ void SaRekey::maybeRekeySa(const SecurityAssociationKey& saKey) {
     TRACE("DH rekey has been initiated ");
     return;
   }
-  const Ptr<Ike::SecurityAssociation> sa = vrfStatus->tesselSa(saKey);
-  if (!sa) {
+  // No handles of its own before there is something to do: the sweep comes here for every SA, and
+  // would write to all that it looks at.
+  const Ptr<Ike::SecurityAssociation>& found = vrfStatus->tesselSa(saKey);
+  if (!found) {
     TRACE("controller SA not exists", saKey);
     return;
   }
-  if (sa->saType() != SaType::steadyOut) {
+  if (found->saType() != SaType::steadyOut) {
     // A retired out-SA may have soft-expired too, but nobody answers a nonce on it.
     TRACE("Not rekeying inSA or DH or SA rekey SAs with spi : ", spiText(saKey.spi));
     return;
   }
-  const ConnectionKey key = getConnectionKeyFromSa(*sa);
   const Paths::WatchedSa* const watched = sm_.paths().watchedSa(saKey);
-  const Ptr<RekeySm> rekeySm =
-      watched != nullptr ? Ptr<RekeySm>(watched->rekeySm) : sm_.paths().rekeySm(key);
-  if (!rekeySm) {
-    TRACE("rekeySm not found", key);
+  RekeySm* const machine = watched != nullptr
+                               ? watched->rekeySm
+                               : sm_.paths().rekeySm(getConnectionKeyFromSa(*found)).get();
+  if (machine == nullptr) {
+    TRACE("rekeySm not found", getConnectionKeyFromSa(*found));
     return;
   }
-  const Ptr<Ike::PathConnState> path = rekeySm->pathConnState();
-  if (!path) {
-    TRACE("pathConnState not found", key);
+  if (!machine->pathConnState()) {
+    TRACE("pathConnState not found", getConnectionKeyFromSa(*found));
     return;
   }
-  if (path->saSmState() != SmState::idle) {
+  if (machine->pathConnState()->saSmState() != SmState::idle) {
     TRACE("Not initiating a rekey as prior rekey is still in progress", saKey);
     return;
   }
-  if (!sa->softExpire()) {
+  if (!found->softExpire()) {
     TRACE("controller SA not soft expired", saKey);
     return;
   }
-  if (sa->rekey()) {
+  if (found->rekey()) {
     TRACE("controller SA rekey in progress", saKey);
     return;
   }
 
+  const Ptr<Ike::SecurityAssociation> sa = found;
+  const Ptr<RekeySm> rekeySm(machine);
+  const Ptr<Ike::PathConnState> path = rekeySm->pathConnState();
+  const ConnectionKey key = getConnectionKeyFromSa(*sa);
   rekeySm->setSaRekeyNonce(saKey);
   if (path->saLocalNonce().nonceValue == 0) {
     // The generator failed and there is no earlier nonce. The peer would derive from 0, and this

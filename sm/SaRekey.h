@@ -34,13 +34,17 @@ class SaRekey {
   void maybeRekeySa(const SecurityAssociationKey& saKey);
 
  private:
-  /// The checks that both sweeps share. Returns the rekey machine of the SA's path, which then has
-  /// its path state, or null; `connectionKeyText` is traced for a path without connection status.
-  const RekeySm* findLivePath(const SecurityAssociationKey& key, const Ike::SecurityAssociation& sa,
-                              const IpsecCounters::IpsecSACounterEntry& counters,
-                              const char* connectionKeyText) const;
-  /// Whether an SA is one of the path of `rekeySm`, which has its path state.
-  bool isOfPath(const SecurityAssociationKey& key, const RekeySm& rekeySm) const;
+  /// The rekey machine of an SA's path, which has its path state, and whether it watches the SA.
+  struct LivePath {
+    RekeySm* rekeySm = nullptr;
+    bool watches = false;
+  };
+  /// The checks that both sweeps share. There is no machine when one of them fails;
+  /// `connectionKeyText` is traced for a path without connection status.
+  LivePath findLivePath(const SecurityAssociationKey& key, const Ike::SecurityAssociation& sa,
+                        const IpsecCounters::IpsecSACounterEntry& counters,
+                        const char* connectionKeyText) const;
+  static bool isOfPath(const SecurityAssociationKey& key, const LivePath& live);
   void checkSoftExpiry(const SecurityAssociationKey& key, const Ptr<Ike::SecurityAssociation>& sa,
                        const Ike::VrfStatus& vrfStatus);
   bool hasSoftExpired(const Ike::LifetimeCfg& limits,

@@ -26,17 +26,28 @@ class TESSEL_API WorkQueue {
       added_.insert(key);
       return;
     }
-    if (2 * (order_.size() + 1) > index_.size()) {
-      growIndex();
-    }
+    completeIndex();
     uint32_t& place = placeOf(key);
     if (place != kFree && order_[place].waits) {
       return;
     }
     place = static_cast<uint32_t>(order_.size());
     order_.push_back({key, true});
+    indexed_ = order_.size();
     ++waiting_;
   }
+  /// The same for a key that does not wait, as when a sweep over distinct keys fills an empty
+  /// queue: nothing is looked up.
+  void addNew(const Key& key) {
+    if (draining_) {
+      added_.insert(key);
+      return;
+    }
+    order_.push_back({key, true});
+    ++waiting_;
+  }
+  /// Room for `count` keys in all.
+  void reserve(size_t count) { order_.reserve(count); }
   void del(const Key& key) {
     if (Entry* const entry = find(key)) {
       entry->waits = false;
@@ -111,9 +122,9 @@ class TESSEL_API WorkQueue {
     bool waits;
   };
 
-  // Keys by their places in order_, in a table of which at least half is free. Keys that are done
-  // stay in it until order_ is shortened: they do not wait, and one that is added again takes their
-  // place.
+  // The first indexed_ keys of order_ by their places, in a table of which at least half is free.
+  // Keys that are done stay in it until order_ is shortened: they do not wait, and one that is
+  // added again takes their place. The others come into it when a key is looked up.
   static constexpr uint32_t kFree = UINT32_MAX;
   static constexpr uint32_t kSeed = 0x7E55E2;
 
@@ -130,18 +141,21 @@ class TESSEL_API WorkQueue {
     if (waiting_ == 0) {
       return nullptr;
     }
-    const uint32_t place = const_cast<WorkQueue*>(this)->placeOf(key);
+    auto& self = const_cast<WorkQueue&>(*this);
+    self.completeIndex();
+    const uint32_t place = self.placeOf(key);
     return place != kFree && order_[place].waits ? &order_[place] : nullptr;
   }
   Entry* find(const Key& key) { return const_cast<Entry*>(std::as_const(*this).find(key)); }
-  void growIndex() {
-    index_.assign(std::bit_ceil(4 * (order_.size() + 1)), kFree);
-    fillIndex();
-  }
-  void fillIndex() {
-    for (size_t i = 0; i < order_.size(); ++i) {
-      if (order_[i].waits) {
-        placeOf(order_[i].key) = static_cast<uint32_t>(i);
+  /// Has the index know all keys, with room for one more.
+  void completeIndex() {
+    if (2 * (order_.size() + 1) > index_.size()) {
+      index_.assign(std::bit_ceil(4 * (order_.size() + 1)), kFree);
+      indexed_ = 0;
+    }
+    for (; indexed_ < order_.size(); ++indexed_) {
+      if (order_[indexed_].waits) {
+        placeOf(order_[indexed_].key) = static_cast<uint32_t>(indexed_);
       }
     }
   }
@@ -154,13 +168,14 @@ class TESSEL_API WorkQueue {
     } else {
       order_.erase(order_.begin(), order_.begin() + static_cast<std::ptrdiff_t>(next_));
       std::ranges::fill(index_, kFree);
-      fillIndex();
     }
+    indexed_ = 0;
     next_ = 0;
   }
 
   std::vector<Entry> order_;  // Those before next_ are done.
   std::vector<uint32_t> index_;
+  size_t indexed_ = 0;
   size_t next_ = 0;
   size_t waiting_ = 0;
   KeySet<Key> added_;

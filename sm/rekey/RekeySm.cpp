@@ -144,9 +144,10 @@ namespace {
 
 template <class Found, class Members, class Key>
 auto* lookUp(Found& found, const Members& members, const Key& key) {
-  if (found.version != members.version()) {
+  if (found.version != members.version() || found.collection != &members) {
     const auto* const member = members.find(key);
     found.member = member == nullptr ? nullptr : member->get();
+    found.collection = &members;
     found.version = members.version();
   }
   return found.member;
@@ -160,6 +161,11 @@ const Ike::IpsecConnectionStatusInfo* RekeySm::connectionStatus() const {
 
 const Path::PathStatus* RekeySm::pathStatus() const {
   return lookUp(pathStatus_, sm_->ipsecPathStatusDir()->ipsecPathStatus(), connectionKey_);
+}
+
+Ike::PathTestKnob* RekeySm::testKnob() const {
+  const Ptr<Ike::TestKnob>& knob = sm_->ipsecStatus()->testKnob();
+  return knob ? lookUp(testKnob_, knob->pathTestKnob(), connectionKey_) : nullptr;
 }
 
 Ptr<Ike::PathConnSaInfo> RekeySm::getSaInfoFromType(SaType type) const {

@@ -69,11 +69,12 @@ class RekeySm final : public RefCounted {
     return pathConnSaInfo_;
   }
 
-  // What the agent says of the path: looked up again only when a path has come or gone, since the
-  // sweeps ask for it once per SA. Null where there is none.
+  // What the agent says of the path, and its test knob: looked up again only when a path has come
+  // or gone, since the sweeps ask for it once per SA. Null where there is none.
 
   const Ike::IpsecConnectionStatusInfo* connectionStatus() const;
   const Path::PathStatus* pathStatus() const;
+  Ike::PathTestKnob* testKnob() const;
 
   // Lookups: the first match in the order of the path's SAs, or null.
 
@@ -150,14 +151,17 @@ class RekeySm final : public RefCounted {
   Ptr<Ike::PathConnState> pathConnState_;
   Subscription pathConnStateSubscription_;
   KeyedCollection<SecurityAssociationKey, Ptr<SaInfo>> pathConnSaInfo_;
-  /// A member of one of the agent's collections, and the version in which it was found.
+  /// A member of one of the agent's collections, and the collection and version in which it was
+  /// found.
   template <class T>
   struct Found {
-    const T* member = nullptr;
-    std::optional<uint32_t> version;
+    T* member = nullptr;
+    const void* collection = nullptr;
+    uint32_t version = 0;
   };
-  mutable Found<Ike::IpsecConnectionStatusInfo> connectionStatus_;
-  mutable Found<Path::PathStatus> pathStatus_;
+  mutable Found<const Ike::IpsecConnectionStatusInfo> connectionStatus_;
+  mutable Found<const Path::PathStatus> pathStatus_;
+  mutable Found<Ike::PathTestKnob> testKnob_;
   bool notificationActive_ = true;
   bool initialized_ = false;
 };

@@ -117,6 +117,39 @@ TEST_F(WorkQueueTest, DoesNotProcessWhatWasDeleted) {
   EXPECT_EQ(runAll(), "|c");
 }
 
+TEST_F(WorkQueueTest, TakesKeysThatAreKnownToBeNewWithoutALook) {
+  const auto addNew = [&](const std::string& keys) {
+    queue_.reserve(queue_.size() + keys.size());
+    for (const char key : keys) {
+      queue_.addNew(key);
+    }
+    task_->scheduleTask();
+  };
+  addNew("abcd");
+  EXPECT_EQ(queue_.size(), 4U);
+  EXPECT_EQ(runAll(), "|abcd");
+  // All the same they are found when one looks.
+  addNew("abcd");
+  EXPECT_TRUE(queue_.has('c'));
+  queue_.del('c');
+  EXPECT_FALSE(queue_.has('c'));
+  add("ace");
+  addNew("fg");
+  add("gh");
+  EXPECT_EQ(runAll(), "|abdcefgh");
+  // And within a run, before and after the place where it stands.
+  scheduler_->yieldAfterIs(2);
+  addNew("abcde");
+  process_ = [&](char key) {
+    if (key == 'b') {
+      queue_.del('a');
+      queue_.del('d');
+      queue_.addNew('x');
+    }
+  };
+  EXPECT_EQ(runAll(), "|ab|ce|x");
+}
+
 TEST_F(WorkQueueTest, KeepsNoMemoryWhenItIsEmpty) {
   WorkQueue<uint32_t> queue;
   const int64_t before = test::liveAllocations();
