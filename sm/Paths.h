@@ -6,7 +6,9 @@
 #include "host/entity/KeyedCollection.h"
 #include "host/model/Events.h"
 #include "host/model/IkePath.h"
+#include "host/model/IkeStatus.h"
 #include "host/model/Keys.h"
+#include "sm/KeptMember.h"
 #include "sm/rekey/RekeySm.h"
 
 namespace tessel::Ipsec {
@@ -48,12 +50,14 @@ class Paths {
   void rekeySmDelAll();
   void rekeySmNotificationActiveIs(bool active);
 
-  /// Who watches an SA, and what of it. The sweeps ask for it once per SA: it names both itself, so
-  /// that nothing in between has to be fetched from memory.
+  /// Who watches an SA, and what of it. The sweeps ask for it once per SA: it names all that they
+  /// look at itself, so that nothing in between has to be fetched from memory.
   struct WatchedSa {
     RekeySm* rekeySm = nullptr;
+    Ike::PathConnState* path = nullptr;
     Ike::PathConnSaInfo* saInfo = nullptr;
-    friend bool operator==(const WatchedSa&, const WatchedSa&) = default;
+    /// The path's connection status.
+    KeptMember<const Ike::IpsecConnectionStatusInfo> connection;
   };
   /// Null for an SA that no path's rekey machine watches. One that is watched is one of the path's,
   /// and lies in the table of SAs as long as it is.
@@ -64,8 +68,10 @@ class Paths {
     watchedSa_.emplace(key).first = watched;
   }
   /// Unless the SA is watched otherwise by now.
-  void watchedSaDel(const SecurityAssociationKey& key, const WatchedSa& watched) {
-    if (const WatchedSa* found = watchedSa(key); found != nullptr && *found == watched) {
+  void watchedSaDel(const SecurityAssociationKey& key, const RekeySm* rekeySm,
+                    const Ike::PathConnSaInfo* saInfo) {
+    if (const WatchedSa* found = watchedSa(key);
+        found != nullptr && found->rekeySm == rekeySm && found->saInfo == saInfo) {
       watchedSa_.take(key);
     }
   }

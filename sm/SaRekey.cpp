@@ -68,7 +68,7 @@ void SaRekey::checkSoftExpiry(const SecurityAssociationKey& key,
   if (live.rekeySm == nullptr) {
     return;
   }
-  const Ptr<Ike::PathConnState>& path = live.rekeySm->pathConnState();
+  const Ike::PathConnState* const path = live.path;
   if (path->saSmState() != SmState::idle) {
     TRACE("Not initiating a rekey as prior rekey is still in progress", key);
     return;
@@ -98,12 +98,13 @@ void SaRekey::checkSoftExpiry(const SecurityAssociationKey& key,
     TRACE("Not rekeying as path is not active", connectionKey);
     return;
   }
-  const Ptr<Ike::PathTestKnob> knob(rekeySm->testKnob());
-  const bool forced = knob && knob->saRekeyTrigger();
+  Ike::PathTestKnob* const testKnob = rekeySm->testKnob();
+  const bool forced = testKnob != nullptr && testKnob->saRekeyTrigger();
   if (forced) {
     TRACE("sa rekey test knob set", connectionKey);
   }
   if (hasSoftExpired(*limits, counters) || forced) {
+    const Ptr<Ike::PathTestKnob> knob(testKnob);
     sa->softExpireIs(true);
     if (knob) {
       knob->saRekeyTriggerIs(false);
@@ -145,10 +146,10 @@ SaRekey::LivePath SaRekey::findLivePath(const SecurityAssociationKey& key,
   }
   const Paths::WatchedSa* const watched = sm_.paths().watchedSa(key);
   if (watched != nullptr) {
-    const RekeySm& rekeySm = *watched->rekeySm;
-    const Ike::IpsecConnectionStatusInfo* const connection = rekeySm.connectionStatus();
-    if (connection != nullptr && connection->isUsable() && rekeySm.pathConnState()) {
-      return {watched->rekeySm, true};
+    const Ike::IpsecConnectionStatusInfo* const connection = watched->connection.of(
+        sm_.ipsecStatus()->ipsecConnectionStatusInfo(), watched->path->connectionKey());
+    if (connection != nullptr && connection->isUsable()) {
+      return {watched->rekeySm, watched->path, true};
     }
   }
   const ConnectionKey connectionKey = getConnectionKeyFromSa(sa);
@@ -171,11 +172,12 @@ SaRekey::LivePath SaRekey::findLivePath(const SecurityAssociationKey& key,
     TRACE("pathConnState not found", connectionKey);
     return {};
   }
-  return {rekeySm.get(), watched != nullptr && watched->rekeySm == rekeySm.get()};
+  return {rekeySm.get(), rekeySm->pathConnState().get(),
+          watched != nullptr && watched->rekeySm == rekeySm.get()};
 }
 
 bool SaRekey::isOfPath(const SecurityAssociationKey& key, const LivePath& live) {
-  return live.watches || live.rekeySm->pathConnState()->pathConnSaInfoHas(key);
+  return live.watches || live.path->pathConnSaInfoHas(key);
 }
 
 void SaRekey::handleUpdateRekeyTimer() {
@@ -253,11 +255,13 @@ void SaRekey::maybeRekeySa(const SecurityAssociationKey& saKey) {
     TRACE("rekeySm not found", getConnectionKeyFromSa(*found));
     return;
   }
-  if (!machine->pathConnState()) {
+  const Ike::PathConnState* const standing =
+      watched != nullptr ? watched->path : machine->pathConnState().get();
+  if (standing == nullptr) {
     TRACE("pathConnState not found", getConnectionKeyFromSa(*found));
     return;
   }
-  if (machine->pathConnState()->saSmState() != SmState::idle) {
+  if (standing->saSmState() != SmState::idle) {
     TRACE("Not initiating a rekey as prior rekey is still in progress", saKey);
     return;
   }

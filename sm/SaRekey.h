@@ -34,12 +34,13 @@ class SaRekey {
   void maybeRekeySa(const SecurityAssociationKey& saKey);
 
  private:
-  /// The rekey machine of an SA's path, which has its path state, and whether it watches the SA.
+  /// The rekey machine of an SA's path with its path state, and whether it watches the SA.
   struct LivePath {
     RekeySm* rekeySm = nullptr;
+    Ike::PathConnState* path = nullptr;
     bool watches = false;
   };
-  /// The checks that both sweeps share. There is no machine when one of them fails;
+  /// The checks that both sweeps share. There is neither when one of them fails;
   /// `connectionKeyText` is traced for a path without connection status.
   LivePath findLivePath(const SecurityAssociationKey& key, const Ike::SecurityAssociation& sa,
                         const IpsecCounters::IpsecSACounterEntry& counters,

@@ -305,10 +305,9 @@ void SecurityAssociations::setSaInfoEntry(const SecurityAssociationKey& key) {
 }
 
 void SecurityAssociations::setSaInfoEntry(Ike::PathConnSaInfo& watched) {
-  const Ptr<Ike::PathConnSaInfo> saInfo(&watched);  // What hears of it may take it away.
-  const IpsecCounters::IpsecSACounterEntry counters = saCounters(saInfo->sakey());
+  const IpsecCounters::IpsecSACounterEntry counters = saCounters(watched.sakey());
   if (counters == IpsecCounters::IpsecSACounterEntry()) {
-    TRACE("saCounterEntry not found for sa with reqid :", saInfo->sa()->reqid());
+    TRACE("saCounterEntry not found for sa with reqid :", watched.sa()->reqid());
     return;
   }
   const uint32_t type = counters.nonceWord >> 28U;
@@ -316,9 +315,16 @@ void SecurityAssociations::setSaInfoEntry(Ike::PathConnSaInfo& watched) {
     TRACE("NonceType out of range", type);
     return;
   }
+  const Duration addTime = seconds(static_cast<double>(counters.addTime));
+  if (watched.pkts() == counters.pkts && watched.addTime() == addTime &&
+      watched.peerNonce() == counters.nonceWord && watched.pktsPresent() == (counters.pkts != 0) &&
+      watched.peerNonceType() == NonceTypeInstance(type)) {
+    return;  // Seen before: the record need not be written to, not even to hold it.
+  }
+  const Ptr<Ike::PathConnSaInfo> saInfo(&watched);  // What hears of it may take it away.
   saInfo->peerNonceTypeIs(NonceTypeInstance(type));
   saInfo->peerNonceIs(counters.nonceWord);
-  saInfo->addTimeIs(seconds(static_cast<double>(counters.addTime)));
+  saInfo->addTimeIs(addTime);
   saInfo->pktsIs(counters.pkts);
   saInfo->pktsPresentIs(counters.pkts != 0);
 }

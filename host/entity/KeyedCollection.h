@@ -235,8 +235,10 @@ class TESSEL_API KeyedCollection {
     // but for what was deleted since. Nothing is being closed while gapEnd is 0.
     uint32_t gapBegin = 0;
     uint32_t gapEnd = 0;
-    uint32_t last = kNone;  // Found last, or kNone when it may have moved.
-    uint8_t trust = 0;      // How many more wrong guesses are taken.
+    // Found last, and where the lookups were before they went there; kNone when it may have moved.
+    uint32_t last = kNone;
+    uint32_t other = kNone;
+    uint8_t trust = 0;  // How many more wrong guesses are taken.
   };
 
   // Looking up.
@@ -265,30 +267,47 @@ class TESSEL_API KeyedCollection {
   }
   // A walk over one collection that looks its keys up in another one mostly finds the neighbour of
   // the member that it found last, or that one again: comparing keys there saves the hash, and two
-  // distant places in memory. Only while it keeps coming true: a wrong guess costs a third one.
+  // distant places in memory. A walk that looks up two keys of a kind goes along two places in turn.
+  // Only while it keeps coming true: a wrong guess costs a third one.
   uint32_t guess(const Key& key) const {
     if (lookup_->trust == 0) {
       return kNone;
     }
-    const uint32_t last = lookup_->last;
-    if (holds(last, key)) {
-      return last;
+    if (const uint32_t found = findNear(lookup_->last, key); found != kNone) {
+      return lookup_->last = found;
     }
-    if (const uint32_t next = passGap(last + 1); next < used_ && holds(next, key)) {
-      return lookup_->last = next;
-    }
-    if (const uint32_t previous = last > 0 ? passGap(last - 1) : last; holds(previous, key)) {
-      return lookup_->last = previous;
+    if (const uint32_t found = findNear(lookup_->other, key); found != kNone) {
+      lookup_->other = lookup_->last;
+      return lookup_->last = found;
     }
     --lookup_->trust;
     return kNone;
   }
+  uint32_t findNear(uint32_t place, const Key& key) const {
+    if (place == kNone) {
+      return kNone;
+    }
+    if (holds(place, key)) {
+      return place;
+    }
+    if (const uint32_t next = passGap(place + 1); next < used_ && holds(next, key)) {
+      return next;
+    }
+    const uint32_t previous = place > 0 ? passGap(place - 1) : place;
+    return holds(previous, key) ? previous : kNone;
+  }
+  static bool isNear(uint32_t place, uint32_t found) {
+    return place != kNone && (found == place || found == place + 1 || found + 1 == place);
+  }
   uint32_t locateByHash(const Key& key) const {
     const uint32_t found = probe(key, hashValue(key, kSeed));
     if (found != kNone) {
-      const uint32_t last = lookup_->last;
-      if (last != kNone && (found == last || found == last + 1 || found + 1 == last)) {
+      const bool nearLast = isNear(lookup_->last, found);
+      if (nearLast || isNear(lookup_->other, found)) {
         lookup_->trust = kTrust;
+      }
+      if (!nearLast) {
+        lookup_->other = lookup_->last;
       }
       lookup_->last = found;
     }
@@ -369,7 +388,7 @@ class TESSEL_API KeyedCollection {
     if (lookup_) {
       lookup_->gapBegin = gapBegin;
       lookup_->gapEnd = end;
-      lookup_->last = kNone;
+      lookup_->last = lookup_->other = kNone;
       lookup_->trust = 0;
       if (end == 0 && live_ <= kScanLimit) {
         lookup_.reset();

@@ -114,6 +114,8 @@ class TESSEL_API PathConnState final : public Entity {
   const ConnectionKey& connectionKey() const { return connectionKey_; }
   const Ptr<const Timing>& timing() const { return timing_; }
 
+  // What the sweeps look at comes first, so that it lies together.
+
   /// Where the path stands. One operation of the machine writes it, and traces the change.
   HOST_ATTRIBUTE(pathState, DynamicPathState);
   /// The peer's address.
@@ -122,6 +124,9 @@ class TESSEL_API PathConnState final : public Entity {
   HOST_ATTRIBUTE(reqid, uint32_t);
   /// The path's SA rekey.
   HOST_ATTRIBUTE(saSmState, SmState);
+  /// The path's SAs: made as pathConnSaInfoIs(sakey, sa).
+  HOST_COLLECTION(pathConnSaInfo, SecurityAssociationKey, PathConnSaInfo);
+  HOST_CHILD(sanityCheck, SanityCheck);
   /// The generations of the out-SA in use.
   HOST_ATTRIBUTE(curOutSaDhKeyPair, DhKeyPair);
   HOST_ATTRIBUTE(saLocalNonce, NonceFmt);
@@ -129,9 +134,6 @@ class TESSEL_API PathConnState final : public Entity {
   HOST_COLLECTION(dhState, DhKeyPair, DhState);
   /// Crypto of SA rekeys, from the path's own nonces.
   HOST_COLLECTION(saCryptoInfo, DhKeyPair, CryptoInfoPair);
-  /// The path's SAs: made as pathConnSaInfoIs(sakey, sa).
-  HOST_COLLECTION(pathConnSaInfo, SecurityAssociationKey, PathConnSaInfo);
-  HOST_CHILD(sanityCheck, SanityCheck);
 
  private:
   const ConnectionKey connectionKey_;

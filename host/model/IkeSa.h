@@ -54,7 +54,12 @@ class TESSEL_API SecurityAssociation final : public Entity {
   explicit SecurityAssociation(const SecurityAssociationKey& sakey) : sakey_(sakey) {}
   const SecurityAssociationKey& sakey() const { return sakey_; }
 
+  // What the sweeps look at comes first, so that it lies together.
+
   HOST_ATTRIBUTE(saType, SaType);
+  /// The SA is being rekeyed: the data path carries `nonce` while it is set.
+  HOST_ATTRIBUTE(rekey, bool);
+  HOST_ATTRIBUTE(softExpire, bool);
   HOST_ATTRIBUTE(saddr, IpGenAddr);
   /// The peer's address (its identity, not the end of the tunnel).
   HOST_ATTRIBUTE(remoteIp, IpGenAddr);
@@ -81,9 +86,6 @@ class TESSEL_API SecurityAssociation final : public Entity {
   HOST_ATTRIBUTE(isInitiator, bool);
   /// The nonce word that the data path carries to the peer, in network byte order; 0 = none.
   HOST_ATTRIBUTE(nonce, uint32_t);
-  /// The SA is being rekeyed: the data path carries `nonce` while it is set.
-  HOST_ATTRIBUTE(rekey, bool);
-  HOST_ATTRIBUTE(softExpire, bool);
   HOST_ATTRIBUTE(encapType, IpsecEncapProtocol);
   HOST_ATTRIBUTE(flowEncap, bool);
   HOST_ATTRIBUTE(encapSrcPort, Port);
@@ -100,10 +102,10 @@ class TESSEL_API LifetimeCfg final : public Entity {
   explicit LifetimeCfg(const SecurityAssociationKey&) {}
 
   HOST_ATTRIBUTE(softAddExpire, uint64_t);
-  HOST_ATTRIBUTE(hardAddExpire, uint64_t);
   HOST_ATTRIBUTE(softByteLimit, uint64_t);
-  HOST_ATTRIBUTE(hardByteLimit, uint64_t);
   HOST_ATTRIBUTE(softPacketLimit, uint64_t);
+  HOST_ATTRIBUTE(hardAddExpire, uint64_t);
+  HOST_ATTRIBUTE(hardByteLimit, uint64_t);
   HOST_ATTRIBUTE(hardPacketLimit, uint64_t);
 };
 

@@ -102,6 +102,9 @@ void RekeySm::SaInfo::handleAttached() {
 }
 
 void RekeySm::SaInfo::dispatch(const Change& change) {
+  if (change.is(Ike::PathConnSaInfo::pktsName)) {
+    return;  // The most frequent one by far.
+  }
   if (!rekeySm_.notificationActive_) {
     return;
   }
@@ -119,14 +122,16 @@ void RekeySm::SaInfo::dispatch(const Change& change) {
 
 void RekeySm::pathConnSaInfoIs(const Ptr<Ike::PathConnSaInfo>& saInfo) {
   const SecurityAssociationKey& key = saInfo->sakey();
+  const Paths::WatchedSa watched{this, pathConnState_.get(), saInfo.get(), {}};
   if (const Ptr<SaInfo>* held = pathConnSaInfo_.find(key);
       held != nullptr && (*held)->notifier() == saInfo) {
+    sm_->paths().watchedSaIs(key, watched);  // For another path by now, perhaps.
     return;
   }
   pathConnSaInfoDel(key);
   const Ptr<SaInfo> made = makePtr<SaInfo>(*this, saInfo);
   pathConnSaInfo_.emplace(key, made);
-  sm_->paths().watchedSaIs(key, {this, saInfo.get()});
+  sm_->paths().watchedSaIs(key, watched);
   made->handleAttached();
 }
 
@@ -134,38 +139,19 @@ void RekeySm::pathConnSaInfoDel(const SecurityAssociationKey& key) {
   const SecurityAssociationKey removed = key;  // The caller's may go with the SA.
   if (const std::optional<Ptr<SaInfo>> gone = pathConnSaInfo_.take(removed)) {
     (*gone)->end();
-    sm_->paths().watchedSaDel(removed, {this, (*gone)->notifier().get()});
+    sm_->paths().watchedSaDel(removed, this, (*gone)->notifier().get());
   }
 }
 
 // Lookups.
 
-namespace {
-
-template <class Found, class Members, class Key>
-auto* lookUp(Found& found, const Members& members, const Key& key) {
-  if (found.version != members.version() || found.collection != &members) {
-    const auto* const member = members.find(key);
-    found.member = member == nullptr ? nullptr : member->get();
-    found.collection = &members;
-    found.version = members.version();
-  }
-  return found.member;
-}
-
-}  // namespace
-
-const Ike::IpsecConnectionStatusInfo* RekeySm::connectionStatus() const {
-  return lookUp(connectionStatus_, sm_->ipsecStatus()->ipsecConnectionStatusInfo(), connectionKey_);
-}
-
 const Path::PathStatus* RekeySm::pathStatus() const {
-  return lookUp(pathStatus_, sm_->ipsecPathStatusDir()->ipsecPathStatus(), connectionKey_);
+  return pathStatus_.of(sm_->ipsecPathStatusDir()->ipsecPathStatus(), connectionKey_);
 }
 
 Ike::PathTestKnob* RekeySm::testKnob() const {
   const Ptr<Ike::TestKnob>& knob = sm_->ipsecStatus()->testKnob();
-  return knob ? lookUp(testKnob_, knob->pathTestKnob(), connectionKey_) : nullptr;
+  return knob ? testKnob_.of(knob->pathTestKnob(), connectionKey_) : nullptr;
 }
 
 Ptr<Ike::PathConnSaInfo> RekeySm::getSaInfoFromType(SaType type) const {

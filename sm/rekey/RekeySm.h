@@ -29,6 +29,7 @@
 #include "host/model/IkeStatus.h"
 #include "host/model/Keys.h"
 #include "host/model/Path.h"
+#include "sm/KeptMember.h"
 
 namespace tessel::Ipsec {
 
@@ -69,10 +70,9 @@ class RekeySm final : public RefCounted {
     return pathConnSaInfo_;
   }
 
-  // What the agent says of the path, and its test knob: looked up again only when a path has come
-  // or gone, since the sweeps ask for it once per SA. Null where there is none.
+  // What the agent says of the path, and its test knob; null where there is none. Kept, since the
+  // sweeps ask for it.
 
-  const Ike::IpsecConnectionStatusInfo* connectionStatus() const;
   const Path::PathStatus* pathStatus() const;
   Ike::PathTestKnob* testKnob() const;
 
@@ -146,22 +146,14 @@ class RekeySm final : public RefCounted {
   Ptr<Ike::SecurityAssociation> selectInSaForOutSa(const Ptr<Ike::SecurityAssociation>& inSa);
 
   TesselV1Sm* const sm_;
+  // What the sweeps look at, together.
+  Ptr<Ike::PathConnState> pathConnState_;
+  KeptMember<const Path::PathStatus> pathStatus_;
+  KeptMember<Ike::PathTestKnob> testKnob_;
   const ConnectionKey connectionKey_;
   const Ptr<RecordEvents> recordEvents_;
-  Ptr<Ike::PathConnState> pathConnState_;
   Subscription pathConnStateSubscription_;
   KeyedCollection<SecurityAssociationKey, Ptr<SaInfo>> pathConnSaInfo_;
-  /// A member of one of the agent's collections, and the collection and version in which it was
-  /// found.
-  template <class T>
-  struct Found {
-    T* member = nullptr;
-    const void* collection = nullptr;
-    uint32_t version = 0;
-  };
-  mutable Found<const Ike::IpsecConnectionStatusInfo> connectionStatus_;
-  mutable Found<const Path::PathStatus> pathStatus_;
-  mutable Found<Ike::PathTestKnob> testKnob_;
   bool notificationActive_ = true;
   bool initialized_ = false;
 };
