@@ -267,8 +267,8 @@ class TESSEL_API KeyedCollection {
   }
   // A walk over one collection that looks its keys up in another one mostly finds the neighbour of
   // the member that it found last, or that one again: comparing keys there saves the hash, and two
-  // distant places in memory. A walk that looks up two keys of a kind goes along two places in turn.
-  // Only while it keeps coming true: a wrong guess costs a third one.
+  // distant places in memory. A walk that looks up two keys of a kind goes along two places in
+  // turn. Only while it keeps coming true: a wrong guess costs a third one.
   uint32_t guess(const Key& key) const {
     if (lookup_->trust == 0) {
       return kNone;
