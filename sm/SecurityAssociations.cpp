@@ -315,14 +315,15 @@ void SecurityAssociations::setSaInfoEntry(Ike::PathConnSaInfo& watched) {
     TRACE("NonceType out of range", type);
     return;
   }
+  const NonceType nonceType = NonceTypeInstance(type);
   const Duration addTime = seconds(static_cast<double>(counters.addTime));
   if (watched.pkts() == counters.pkts && watched.addTime() == addTime &&
       watched.peerNonce() == counters.nonceWord && watched.pktsPresent() == (counters.pkts != 0) &&
-      watched.peerNonceType() == NonceTypeInstance(type)) {
+      watched.peerNonceType() == nonceType) {
     return;  // Seen before: the record need not be written to, not even to hold it.
   }
   const Ptr<Ike::PathConnSaInfo> saInfo(&watched);  // What hears of it may take it away.
-  saInfo->peerNonceTypeIs(NonceTypeInstance(type));
+  saInfo->peerNonceTypeIs(nonceType);
   saInfo->peerNonceIs(counters.nonceWord);
   saInfo->addTimeIs(addTime);
   saInfo->pktsIs(counters.pkts);

@@ -32,9 +32,8 @@ class TESSEL_API WorkQueue {
       return;
     }
     place = static_cast<uint32_t>(order_.size());
-    order_.push_back({key, true});
+    addNew(key);
     indexed_ = order_.size();
-    ++waiting_;
   }
   /// The same for a key that does not wait, as when a sweep over distinct keys fills an empty
   /// queue: nothing is looked up.
